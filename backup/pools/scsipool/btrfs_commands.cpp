@@ -1,0 +1,121 @@
+#include "backup/pools/scsipool/btrfs_commands.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "backup/pools/scsipool/btrfs_line_handler.h"
+#include "backup/pools/scsipool/btrfs_qgroup_id_getter.h"
+#include "backup/pools/scsipool/btrfs_quota.h"
+#include "backup/pools/scsipool/filesystem_helper.h"
+#include "platform/base/file.h"
+#include "platform/base/log.h"
+#include "platform/base/names.h"
+#include "platform/process/process_manager.h"
+#include "platform/process/subprocess.h"
+#include "platform/process/tool_options.h"
+
+namespace scsi_pool {
+
+namespace {
+
+constexpr unsigned int LOGGED_LINES = 8;
+
+}  // namespace
+
+bool valid_btrfs_name(const char* name) {
+  std::string why;
+  if (platform::valid_dataset_name(name, why)) {
+    if (std::string(name).find(' ') == std::string::npos) return true;
+    why = "a name on Btrfs cannot hold blanks";
+  }
+  errno = EINVAL;
+  return LOG_FAILURE("Failed to use the name '%s' on Btrfs: %s\n", name, why.c_str());
+}
+
+std::string btrfs_path(const std::string& mount_point, const std::string& name) {
+  return mount_point + '/' + name;
+}
+
+void btrfs_keep_blocks(const std::string& mount_point) {
+  subprocess::call("mount -o remount,nodiscard \"%s\"", mount_point.c_str());
+}
+
+bool btrfs_sync(const std::string& mount_point) {
+  return subprocess::call("btrfs filesystem sync \"%s\"", mount_point.c_str()) == 0;
+}
+
+bool btrfs_snapshot(const std::string& mount_point, const std::string& source, const std::string& target,
+                    bool read_only) {
+  if (platform::path_exists(btrfs_path(mount_point, target))) {
+    errno = EEXIST;
+    return false;
+  }
+  if (read_only) {
+    return subprocess::call("btrfs subvolume snapshot -r \"%s/%s\" \"%s/%s\"", mount_point.c_str(),
+                            source.c_str(), mount_point.c_str(), target.c_str()) == 0;
+  }
+  return subprocess::call("btrfs subvolume snapshot \"%s\" \"%s\"", btrfs_path(mount_point, source).c_str(),
+                          btrfs_path(mount_point, target).c_str()) == 0;
+}
+
+bool remove_btrfs_subvolume(const std::string& mount_point, const std::string& name, bool read_only) {
+  if (!valid_btrfs_name(name.c_str())) return false;
+  const ACE_UINT64 id = Btrfs_Qgroup_ID_Getter(mount_point, read_only).get_full_id(name);
+  Btrfs_Quota quota(mount_point.c_str());
+  Btrfs_Quota::Removal removal = Btrfs_Quota::Removal::NOTHING_THERE;
+  if (id != 0) removal = quota.remove_subvolume_qgroup(id);
+  if (removal == Btrfs_Quota::Removal::FAILED) {
+    return LOG_FAILURE("Failed to remove qgroup %hu/%hu in %s\n", 0, static_cast<ACE_UINT16>(id),
+                       mount_point.c_str());
+  }
+  const std::string path = btrfs_path(mount_point, name);
+  if (subprocess::call("btrfs subvolume delete \"%s\"", path.c_str()) != 0) {
+    if (read_only) return LOG_FAILURE("Failed to delete btrfs snapshot '%s'\n", path.c_str());
+    return LOG_FAILURE("Failed to delete btrfs subvolume '%s'\n", path.c_str());
+  }
+  btrfs_sync(mount_point);
+  if (removal == Btrfs_Quota::Removal::REFUSED) quota.clear_stale();
+  return true;
+}
+
+namespace {
+
+bool show_subvolume(const std::string& mount_point, const std::string& name, Text_Process_Handler& handler) {
+  platform::Tool_Options options(
+      platform::format_command("btrfs subvolume show \"%s\"", btrfs_path(mount_point, name).c_str()));
+  return handler.call(LOGGED_LINES, options) == 0;
+}
+
+}  // namespace
+
+bool show_btrfs_subvolume(const std::string& mount_point, const std::string& name, std::string& ctime,
+                          std::string& flags, std::string& name_shown) {
+  Btrfs_Show_Line_Handler handler(ctime, flags, name_shown);
+  return show_subvolume(mount_point, name, handler);
+}
+
+bool read_btrfs_received_uuid(const std::string& mount_point, const std::string& name, std::string& uuid) {
+  uuid.clear();
+  Btrfs_Received_Line_Handler handler(uuid);
+  return show_subvolume(mount_point, name, handler);
+}
+
+Btrfs_Sizes get_btrfs_sizes(const std::string& mount_point, const std::string& name, ACE_UINT64& excl,
+                            ACE_UINT64& rfer) {
+  FS_Info_Item info;
+  if (!Btrfs_Quota(mount_point.c_str()).show_qgroup(name.c_str(), info)) return Btrfs_Sizes::NO_GROUP;
+  std::string excl_text;
+  std::string rfer_text;
+  if (!get_info_entry(info, "rfer", rfer_text) || !get_info_entry(info, "excl", excl_text))
+    return Btrfs_Sizes::NO_FIGURES;
+  excl = std::strtoull(excl_text.c_str(), nullptr, 10);
+  rfer = std::strtoull(rfer_text.c_str(), nullptr, 10);
+  return Btrfs_Sizes::DONE;
+}
+
+bool spawn_btrfs_stream(const std::string& command, ACE_Process_Ex* proc) {
+  platform::Tool_Options options(command);
+  return Process_Manager::instance()->spawn(proc, options, nullptr) != -1;
+}
+
+}  // namespace scsi_pool

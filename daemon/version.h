@@ -1,0 +1,7 @@
+#pragma once
+
+namespace scsipoold {
+
+constexpr const char* VERSION = SCSIPOOL_VERSION;
+
+}  // namespace scsipoold

@@ -1,0 +1,168 @@
+#include "platform/zfs/zfs_dataset.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "platform/zfs/zfs_host.h"
+#include "platform/zfs/zfs_tool.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/scripted_tools.h"
+
+namespace {
+
+const std::string GET = "zfs get -Hp -o property,value all ";
+
+std::string recorded(const std::string& name) {
+  return recording("zfs-2.1.11/" + name);
+}
+
+class Zfs_Dataset : public testing::Test {
+ protected:
+  Zfs_Dataset() { zfs::host_paths().proc = proc_.path(); }
+  ~Zfs_Dataset() override { zfs::host_paths() = zfs::Host_Paths(); }
+
+  Temp_Dir proc_;  // shows no pools: presence unknown
+  Log_Capture log_;
+};
+
+TEST_F(Zfs_Dataset, One_Run_Answers_All_Reads) {
+  Scripted_Tools tools({"zfs"});
+  tools.expect(GET + "pa/c1").output(recorded("get-all-clone.txt"));
+  ZFS_Dataset dataset("pa/c1", true);
+  EXPECT_FALSE(dataset);
+  ASSERT_TRUE(dataset.open());
+  EXPECT_TRUE(dataset);
+  std::string origin, compression;
+  ACE_UINT64 guid = 0;
+  bool mounted = true, readonly = true;
+  EXPECT_TRUE(dataset.get_prop("origin", origin, true));
+  EXPECT_EQ(origin, "pa/v1@s1");
+  EXPECT_TRUE(dataset.get_prop("guid", guid, true));
+  EXPECT_EQ(guid, 10592101912057153122ULL);
+  EXPECT_TRUE(dataset.get_prop("readonly", readonly, true));
+  EXPECT_FALSE(readonly);
+  EXPECT_TRUE(dataset.get_prop("mounted", mounted, true)) << "a volume has no such property";
+  EXPECT_FALSE(mounted);
+  EXPECT_FALSE(dataset.get_prop("compressratio", guid, true)) << "1.00 is no integer";
+}
+
+TEST_F(Zfs_Dataset, A_Snapshot_Is_Readonly_And_Is_No_Clone) {
+  Scripted_Tools tools({"zfs"});
+  tools.expect(GET + "pa/v1@s1").output(recorded("get-all-snapshot.txt"));
+  ZFS_Dataset dataset("pa/v1@s1", false);
+  dataset.open_when_needed();
+  EXPECT_TRUE(tools.commands().empty());
+  bool readonly = false;
+  std::string origin;
+  EXPECT_TRUE(dataset.get_prop("readonly", readonly, true));
+  EXPECT_TRUE(readonly);
+  EXPECT_TRUE(dataset.get_prop("origin", origin, true));
+  EXPECT_EQ(origin, "-");
+}
+
+TEST_F(Zfs_Dataset, A_Property_Outside_All_Is_Read_By_Its_Name) {
+  Scripted_Tools tools({"zfs"});
+  tools.expect(GET + "pa/v1").output(recorded("get-all-volume.txt"));
+  tools.expect("zfs get -Hp -o property,value my:x pa/v1").output(recorded("get-unset-user-property.txt"));
+  ZFS_Dataset dataset("pa/v1", true);
+  ASSERT_TRUE(dataset.open());
+  std::string value;
+  EXPECT_TRUE(dataset.get_prop("my:x", value, true));
+  EXPECT_EQ(value, "-");
+  EXPECT_TRUE(dataset.get_prop("my:x", value, true));
+  EXPECT_FALSE(dataset.get_prop("-o name", value, true)) << "no option may slip in";
+}
+
+TEST_F(Zfs_Dataset, A_Write_Ends_What_Was_Read) {
+  Scripted_Tools tools({"zfs"});
+  tools.expect(GET + "pa").output("type\tfilesystem\nmountpoint\tnone\n");
+  tools.expect("zfs set mountpoint=/mnt/x pa");
+  tools.expect(GET + "pa").output("type\tfilesystem\nmountpoint\t/mnt/x\n");
+  ZFS_Dataset dataset("pa", true);
+  ASSERT_TRUE(dataset.open());
+  std::string value;
+  EXPECT_TRUE(dataset.set_prop("mountpoint", "/mnt/x", true));
+  EXPECT_TRUE(dataset.get_prop("mountpoint", value, true));
+  EXPECT_EQ(value, "/mnt/x");
+}
+
+TEST_F(Zfs_Dataset, Values_Are_Written_As_Zfs_Takes_Them) {
+  Scripted_Tools tools({"zfs"});
+  tools.expect("zfs set compression=lz4 'my pool/a %s b'");
+  tools.expect("zfs set 'note:x=Upper $(id) 100%' 'my pool/a %s b'");
+  tools.expect("zfs set quota=none 'my pool/a %s b'");
+  tools.expect("zfs set reservation=0 'my pool/a %s b'");
+  tools.expect("zfs set quota=18446744073709551615 'my pool/a %s b'");
+  ZFS_Dataset dataset("my pool/a %s b", true);
+  dataset.open_when_needed();
+  EXPECT_TRUE(dataset.set_prop("compression", "LZ4", true));
+  EXPECT_TRUE(dataset.set_prop("note:x", "Upper $(id) 100%", true));
+  EXPECT_TRUE(dataset.set_prop("quota", ACE_UINT64{0}, true));
+  EXPECT_TRUE(dataset.set_prop("reservation", ACE_UINT64{0}, true));
+  EXPECT_TRUE(dataset.set_prop("quota", ACE_UINT64{18446744073709551615ULL}, true));
+  EXPECT_FALSE(dataset.set_prop("a b", "x", true));
+  EXPECT_FALSE(dataset.set_prop("-r", "x", true));
+}
+
+TEST_F(Zfs_Dataset, Several_Are_Set_At_Once_And_The_Refused_One_Is_Named) {
+  Scripted_Tools tools({"zfs"});
+  tools.expect("zfs set dedup=off sync=standard checksum=on pa/v1");
+  tools.expect("zfs set dedup=off sync=never checksum=on pa/v1").status(1).errors("cannot set property\n");
+  tools.expect("zfs set dedup=off pa/v1");
+  tools.expect("zfs set sync=never pa/v1").status(1).errors("cannot set property\n");
+  ZFS_Dataset dataset("pa/v1", true);
+  dataset.open_when_needed();
+  std::string failed;
+  EXPECT_TRUE(dataset.set_props({{"dedup", "off"}, {"sync", "standard"}, {"checksum", "on"}}, failed));
+  EXPECT_FALSE(dataset.set_props({{"dedup", "off"}, {"sync", "never"}, {"checksum", "on"}}, failed));
+  EXPECT_EQ(failed, "sync");
+}
+
+TEST_F(Zfs_Dataset, What_Is_Missing_Is_Said) {
+  Scripted_Tools tools({"zfs"});
+  ZFS_Dataset dataset("pa/none", true);
+  tools.expect(GET + "pa/none").status(1).errors(recorded("get-missing.err.txt"));
+  EXPECT_FALSE(dataset.open());
+  EXPECT_TRUE(log_.contains(LM_NOTICE, "dataset does not exist")) << log_.dump();
+  EXPECT_FALSE(dataset.set_prop("atime", "off", true)) << "it is not open";
+
+  log_.clear();
+  dataset.set_log(false);
+  tools.expect(GET + "pa/none").status(1).errors(recorded("get-missing.err.txt"));
+  EXPECT_FALSE(dataset.open());
+  EXPECT_TRUE(log_.lines().empty()) << log_.dump();
+
+  tools.expect(GET + "pa/none").status(1).errors(recorded("module-not-loaded.err.txt"));
+  EXPECT_FALSE(dataset.open());
+  EXPECT_TRUE(log_.contains(LM_ERROR, "the ZFS kernel module is not loaded")) << log_.dump();
+}
+
+TEST_F(Zfs_Dataset, A_Missing_Tool_Is_Said) {
+  const std::string old_path = std::getenv("PATH");
+  setenv("PATH", proc_.path().c_str(), 1);
+  EXPECT_FALSE(ZFS_Dataset("pa", false).open());
+  setenv("PATH", old_path.c_str(), 1);
+  EXPECT_TRUE(log_.contains(LM_ERROR, "the tool 'zfs' is not installed")) << log_.dump();
+}
+
+TEST_F(Zfs_Dataset, A_Tool_That_Hangs_Is_Ended) {
+  Scripted_Tools tools({"zpool"});
+  tools.expect("zpool list").runs("sleep 60");
+  zfs::Tool_Result result;
+  EXPECT_FALSE(zfs::run_tool({"zpool", "list"}, 1, result));
+  EXPECT_TRUE(result.timed_out);
+  EXPECT_NE(zfs::failure_words({"zpool"}, result).find("did not answer"), std::string::npos);
+}
+
+TEST_F(Zfs_Dataset, Of_A_Pool_That_Is_Not_Imported_Nothing_Is_Run) {
+  Scripted_Tools tools({"zfs"});
+  ASSERT_EQ(std::system(("mkdir -p '" + (proc_ / "spl/kstat/zfs/other pool") + "'").c_str()), 0);
+  EXPECT_EQ(zfs::pool_presence("other pool"), zfs::Pool_Presence::imported);
+  ZFS_Dataset dataset("pa/v1@s1", true);
+  dataset.open_when_needed();
+  EXPECT_FALSE(dataset);
+  EXPECT_TRUE(tools.commands().empty());
+}
+
+}  // namespace
