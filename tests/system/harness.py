@@ -5,17 +5,19 @@ The process that uses this needs root. It enters the namespace once and stays th
 """
 import ctypes
 import glob
-import http.client
 import json
 import os
 import shutil
 import signal
-import socket
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
 import uuid
+
+sys.path.append(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+from unix_http import Unix_Connection  # noqa: E402
 
 CLONE_NEWNS = 0x20000
 BUILD = os.environ.get("SCSIPOOL_BUILD", os.path.join(os.path.dirname(__file__), "..", "..", "build", "debug"))
@@ -131,17 +133,6 @@ def settled_residue(ids, seconds=10):
     return residue(ids)
 
 
-class _Unix_Connection(http.client.HTTPConnection):
-    def __init__(self, path, timeout):
-        super().__init__("localhost", timeout=timeout)
-        self.path = path
-
-    def connect(self):
-        self.sock = socket.socket(socket.AF_UNIX)
-        self.sock.settimeout(self.timeout)
-        self.sock.connect(self.path)
-
-
 class Daemon:
     """One scsipoold with its socket, data folder and log in a sandbox's folder."""
 
@@ -207,7 +198,7 @@ class Daemon:
 
     def request(self, method, path, body=None, seconds=120):
         """The status and the parsed answer. A body that is text goes as it is."""
-        connection = _Unix_Connection(self.socket, seconds)
+        connection = Unix_Connection(self.socket, seconds)
         try:
             if body is not None and not isinstance(body, (str, bytes)):
                 body = json.dumps(body)

@@ -28,10 +28,12 @@ KERNEL = {
     "iSCSIResiduals.WriteVerify16Residuals": _RESIDUALS,
 }
 
-# Tests that ask at once for what the kernel does a moment later, and so fail now and then.
+# Tests that look at once for what the kernel does a moment after its answer: either verdict is possible, by chance and
+# by the speed of the machine. What they ask for is tested with patience in test_luns.py.
+_RESERVATION = "the kernel ends a session's reservation a moment after it has answered the logout or lost the connection"
 RACES = {
-    "Reserve6.Logout": "the kernel answers a logout and then ends the session with its reservation; the test reserves "
-                       "from another session at once (a quarter of the runs fail, also on a LUN made by configfs alone)",
+    "Reserve6.Logout": _RESERVATION,
+    "Reserve6.ITNexusLoss": _RESERVATION,
 }
 REPEATS = 5
 MOST_REPEATED = 3  # more failures at once are no chance
@@ -64,18 +66,13 @@ def run_tests(arguments, url, name, seconds):
 
 
 def repeat(test, arguments, url):
-    """Runs a test that failed again, alone, and says whether it is good after all; each repeat is printed.
-
-    One in RACES has to pass once: then the kernel does what the test asks, only later than the test looks. Any
-    other one must not fail again.
-    """
+    """Runs a test that failed again, alone, and says whether it never fails then; each repeat is printed."""
     verdicts = []
     for number in range(1, REPEATS + 1):
         results, _ = run_tests([f"--test=ALL.{test}", *arguments], url, f"iscsi-test-cu.{test}.{number}", 120)
         verdicts.append(results.get(test, "not run"))
-    print(f"    iscsi-test-cu: {test} failed and was run again alone: {', '.join(verdicts)}"
-          + (f" ({RACES[test]})" if test in RACES else ""))
-    return "passed" in verdicts if test in RACES else set(verdicts) == {"passed"}
+    print(f"    iscsi-test-cu: {test} failed and was run again alone: {', '.join(verdicts)}")
+    return set(verdicts) == {"passed"}
 
 
 def run_conformance(initiator, url, seconds=2400):
@@ -83,7 +80,9 @@ def run_conformance(initiator, url, seconds=2400):
     names = ["-i", initiator, "-I", OTHER]
     results, output = run_tests(["--test=ALL", *names], url, "iscsi-test-cu", seconds)
     failed = {test for test, verdict in results.items() if verdict == "failed"}
-    unexpected = {test: "fails" for test in sorted(failed - KERNEL.keys())}
+    for test in sorted(failed & RACES.keys()):
+        print(f"    iscsi-test-cu: {test} failed, which counts for nothing: {RACES[test]}")
+    unexpected = {test: "fails" for test in sorted(failed - KERNEL.keys() - RACES.keys())}
     if len(unexpected) <= MOST_REPEATED:
         unexpected = {test: why for test, why in unexpected.items() if not repeat(test, names, url)}
     unexpected.update({test: "is expected to fail and did not" for test in KERNEL.keys() - failed})

@@ -5,18 +5,20 @@ Everything here works on the machine that it runs on, as root: it is for the gue
 
 import contextlib
 import glob
-import http.client
 import json
 import os
 import re
 import shutil
 import signal
-import socket
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
 import uuid
+
+sys.path.append(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support"))
+from unix_http import Unix_Connection  # noqa: E402
 
 BUILD = os.environ.get("SCSIPOOL_BUILD", "")
 REPOSITORY = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -54,19 +56,6 @@ def new_target(name):
 
 
 # ---- the daemon and its command line
-
-
-class Unix_Connection(http.client.HTTPConnection):
-    """HTTP over a Unix socket."""
-
-    def __init__(self, path, timeout):
-        super().__init__("localhost", timeout=timeout)
-        self.path = path
-
-    def connect(self):
-        self.sock = socket.socket(socket.AF_UNIX)
-        self.sock.settimeout(self.timeout)
-        self.sock.connect(self.path)
 
 
 class Daemon:
@@ -279,6 +268,16 @@ class Initiator:
 
     def trim(self, lun, offset, length):
         return self.ask("trim", lun, offset, length)
+
+    def reserves(self, lun):
+        """Whether the LUN is reserved for this session now; another session's reservation refuses it."""
+        try:
+            self.ask("reserve", lun)
+        except OSError as refusal:
+            if "status 24 " not in str(refusal):
+                raise
+            return False
+        return True
 
 
 def can_login(name, target):

@@ -8,8 +8,10 @@
 //   luns                            -> ok 0 1 ...
 //   size LUN                        -> ok BLOCKS BLOCK_SIZE
 //   serial LUN                      -> ok SERIAL
-//   write LUN OFFSET LENGTH SEED    -> ok SHA256 of what was written (bytes that SEED determines), after a
-//   cache flush read LUN OFFSET LENGTH          -> ok SHA256 of what was read trim LUN OFFSET LENGTH -> ok
+//   write LUN OFFSET LENGTH SEED    -> ok SHA256 of the bytes written, which SEED determines; then a flush
+//   read LUN OFFSET LENGTH          -> ok SHA256 of what was read
+//   trim LUN OFFSET LENGTH          -> ok
+//   reserve LUN                     -> ok (for this session, until it ends)
 
 #include <iscsi/iscsi.h>
 #include <iscsi/scsi-lowlevel.h>
@@ -135,6 +137,11 @@ class Session {
     return "";
   }
 
+  std::string reserve(int lun) {
+    run([&] { return iscsi_reserve6_sync(context_.get(), lun); });
+    return "";
+  }
+
  private:
   using Chunk_Action = std::function<void(std::uint64_t, std::uint32_t, std::uint32_t)>;
 
@@ -189,6 +196,7 @@ std::string obey(Session& session, const std::string& line) {
   if (command == "write") return session.write(lun, offset, length, seed);
   if (command == "read") return session.read(lun, offset, length);
   if (command == "trim") return session.trim(lun, offset, length);
+  if (command == "reserve") return session.reserve(lun);
   throw std::runtime_error("unknown command");
 }
 

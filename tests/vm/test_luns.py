@@ -9,7 +9,7 @@ import unittest
 
 from conformance import run_conformance
 from harness import (BUILD, GIB, LISTED, MIB, OTHER, PORTAL, REPOSITORY, Daemon_Case, Initiator, acls, backstores, can_login,
-                     demo_mode, new_target, run, targets)
+                     demo_mode, new_target, run, targets, wait_for)
 
 
 class Lun_Case(Daemon_Case):
@@ -175,6 +175,18 @@ class Conformance(Lun_Case):
         unexpected, summary = run_conformance(LISTED, f"iscsi://{PORTAL}/{self.target}/{number}")
         print(f"    iscsi-test-cu: {summary}")
         self.assertEqual({}, unexpected)
+
+    def test_a_reservation_ends_with_its_session(self):
+        """By a logout and by a lost connection; the kernel answers a logout first and lets go a moment later."""
+        _, number = self.export(LISTED, OTHER)
+        for end in ("logout", "loss"):
+            with Initiator(OTHER, self.target) as other:
+                with Initiator(LISTED, self.target) as holder:
+                    wait_for("reservation", lambda: holder.reserves(number))
+                    self.assertFalse(other.reserves(number), end)
+                    if end == "loss":
+                        holder.process.kill()
+                wait_for(f"reservation after the {end}", lambda: other.reserves(number))
 
 
 class Restart(Lun_Case):
