@@ -5,9 +5,9 @@
 
 #include "backup/pools/scsipool/scsi_pool_sqlite_manager.h"
 #include "daemon/config.h"
-#include "daemon/dataset_turns.h"
 #include "daemon/health.h"
 #include "daemon/lio_restorer.h"
+#include "platform/base/turns.h"
 
 namespace scsipoold {
 
@@ -19,7 +19,8 @@ struct Context {
   // do not both find a name free.
   std::mutex pools_changing{};
   LIO_Restorer restorer{};
-  Dataset_Turns turns{};
+  // Of datasets: a snapshot that is received into one, or what must not meet that (take_turn()).
+  platform::Turns turns{};
 };
 
 }  // namespace scsipoold

@@ -1,5 +1,6 @@
 #include "daemon/datasets.h"
 
+#include "backup/pools/scsipool/utils.h"
 #include "daemon/members.h"
 
 namespace scsipoold {
@@ -52,6 +53,18 @@ bool find_snapshot(Context& context, const std::string& pool_id, const std::stri
   reply =
       refusal(404, "there is no snapshot " + quoted_name(snapshot_id) + " in pool " + quoted_name(pool_id));
   return false;
+}
+
+std::unique_ptr<platform::Turns::Turn> take_turn(Context& context, const std::string& pool_id, bool is_lun,
+                                                 const std::string& dataset, Reply& reply) {
+  // A transfer has been answered a moment before its turn ends.
+  constexpr std::chrono::seconds PATIENCE{2};
+  auto turn = std::make_unique<platform::Turns::Turn>(
+      context.turns, scsi_pool::dataset_key(pool_id, is_lun, dataset), PATIENCE);
+  if (*turn) return turn;
+  reply = refusal(409, "a snapshot is being received into " +
+                           std::string(is_lun ? "LUN " : "sub filesystem ") + quoted_name(dataset));
+  return nullptr;
 }
 
 LIO_Target_Type pool_target_type(Context& context, const std::string& pool_id) {

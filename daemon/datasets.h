@@ -1,6 +1,7 @@
 #pragma once
 // What the handlers of LUNs, sub filesystems and snapshots share.
 
+#include <memory>
 #include <string>
 
 #include "backup/pools/scsipool/scsi_pool_manager.h"
@@ -20,6 +21,11 @@ bool find_lun(Context& context, const std::string& pool_id, const std::string& l
 bool find_filesystem(Context& context, const std::string& pool_id, const std::string& name, Reply& reply);
 bool find_snapshot(Context& context, const std::string& pool_id, const std::string& snapshot_id, bool of_lun,
                    Reply& reply);
+
+// The turn of a dataset for a change that a snapshot that is being received into it must not meet. Null, with
+// the refusal (409) in `reply`, when one is still being received after a moment.
+std::unique_ptr<platform::Turns::Turn> take_turn(Context& context, const std::string& pool_id, bool is_lun,
+                                                 const std::string& dataset, Reply& reply);
 
 // How the pool's LUNs are exported; TYPE_UNKNOWN for a pool that is not known.
 LIO_Target_Type pool_target_type(Context& context, const std::string& pool_id);

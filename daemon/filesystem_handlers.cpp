@@ -99,6 +99,8 @@ Reply roll_back_filesystem(Context& context, const Request& request) {
   std::string pool_id, name, snapshot_id;
   Arguments arguments(request);
   if (!read_filesystem(context, arguments, pool_id, name, reply)) return reply;
+  const auto turn = take_turn(context, pool_id, false, name, reply);
+  if (!turn) return reply;
   if (!manager()->rollback_filesystem_to_newest(pool_id, name, snapshot_id))
     return failure(request, "the sub filesystem cannot be rolled back");
   return {200, Object{{"pool_id", pool_id}, {"name", name}, {"snapshot_id", snapshot_id}}};
@@ -113,6 +115,8 @@ Reply delete_filesystem(Context& context, const Request& request) {
   context.catalog.list_filesystem_snapshots(pool_id, name, snapshots,
                                             SCSI_Pool_Sqlite_Manager::SNAPSHOT_LIST_ALL);
   if (!snapshots.empty() && !target_takes_key(pool_id, reply)) return reply;
+  const auto turn = take_turn(context, pool_id, false, name, reply);
+  if (!turn) return reply;
   if (!manager()->delete_filesystem(pool_id, name))
     return failure(request, "the sub filesystem cannot be deleted");
   return {200, Object{{"pool_id", pool_id}, {"name", name}}};

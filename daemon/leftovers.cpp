@@ -17,6 +17,7 @@
 #include "platform/base/file.h"
 #include "platform/base/log.h"
 #include "platform/base/uuid.h"
+#include "platform/lio/lio_saved_config.h"
 #include "platform/process/holder.h"
 
 namespace scsipoold {
@@ -103,6 +104,15 @@ bool forget_volumes(SCSI_Pool_Sqlite_Manager& catalog, const std::string& pool_i
   return good;
 }
 
+// Exports of the pool that are still to be restored would be tried for ever.
+bool forget_saved_exports(const std::string& pool_id) {
+  std::vector<LIO_Export> saved;
+  if (!LIO_Saved_Config::list_saved(saved)) return false;
+  return std::all_of(saved.begin(), saved.end(), [&](const LIO_Export& one) {
+    return one.path.find("/" + pool_id + "/") == std::string::npos || LIO_Saved_Config::forget(one.path);
+  });
+}
+
 }  // namespace
 
 std::string backing_file(const std::string& pool_id) {
@@ -172,8 +182,8 @@ bool forget_pool(SCSI_Pool_Sqlite_Manager& catalog, const std::string& pool_id) 
   if (platform::path_exists(backing_file(pool_id))) {
     return LOG_FAILURE("Failed to forget pool '%s': its backing file is there\n", pool_id.c_str());
   }
-  if (!forget_volumes(catalog, pool_id) || !forget_filesystems(catalog, pool_id) ||
-      !catalog.del_pool(pool_id)) {
+  if (!forget_saved_exports(pool_id) || !forget_volumes(catalog, pool_id) ||
+      !forget_filesystems(catalog, pool_id) || !catalog.del_pool(pool_id)) {
     return LOG_FAILURE("Failed to forget pool '%s': its records cannot all be removed\n", pool_id.c_str());
   }
   LOG_NOTICE("Forgot pool '%s', whose backing file is gone\n", pool_id.c_str());

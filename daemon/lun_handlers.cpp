@@ -103,6 +103,8 @@ Reply roll_back_lun(Context& context, const Request& request) {
   arguments.uuid("pool_id", pool_id).required("pool_id").uuid("lun_id", lun_id).required("lun_id");
   if (!arguments.flag("force", force).finish(reply) || !find_lun(context, pool_id, lun_id, reply))
     return reply;
+  const auto turn = take_turn(context, pool_id, true, lun_id, reply);
+  if (!turn) return reply;
   ACE_UINT16 lun_num = 0;
   if (!manager()->update_lun_with_snapshot(pool_id, lun_id, lun_num, snapshot_id, force))
     return failure(request, "the LUN cannot be rolled back");
@@ -122,9 +124,8 @@ Reply delete_lun(Context& context, const Request& request) {
   Array snapshots;
   context.catalog.list_lun_snapshots(pool_id, lun_id, snapshots, SCSI_Pool_Sqlite_Manager::SNAPSHOT_LIST_ALL);
   if (!snapshots.empty() && !target_takes_key(pool_id, reply)) return reply;
-  const Dataset_Turns::Turn turn(context.turns, Dataset_Turns::key(pool_id, true, lun_id),
-                                 std::chrono::seconds(0));
-  if (!turn) return refusal(409, "a snapshot is being received into LUN '" + lun_id + "'");
+  const auto turn = take_turn(context, pool_id, true, lun_id, reply);
+  if (!turn) return reply;
   if (!manager()->delete_lun(pool_id, lun_id, force)) return failure(request, "the LUN cannot be deleted");
   return {200, Object{{"pool_id", pool_id}, {"lun_id", lun_id}}};
 }
@@ -144,9 +145,8 @@ Reply export_lun(Context& context, const Request& request) {
   if (!info.target.empty() && !normal_initiator(type, info.target, why)) arguments.refuse("target", why);
   if (!arguments.finish(reply) || !find_lun(context, pool_id, lun_id, reply)) return reply;
   // Initiators would see its content change under them.
-  const Dataset_Turns::Turn turn(context.turns, Dataset_Turns::key(pool_id, true, lun_id),
-                                 std::chrono::seconds(0));
-  if (!turn) return refusal(409, "a snapshot is being received into LUN '" + lun_id + "'");
+  const auto turn = take_turn(context, pool_id, true, lun_id, reply);
+  if (!turn) return reply;
   if (!manager()->export_lun(pool_id, lun_id, info)) return failure(request, "the LUN cannot be exported");
   return lun_record(request, pool_id, lun_id);
 }
@@ -209,6 +209,9 @@ Reply trim(Context& context, const Request& request) {
     json_spirit::object_find(attrs, "backstore_trim", wanted);
   if (!wanted || pool_fs_type(context, pool_id) != "zfs")
     return refusal(409, "only ZFS pools with the attribute \"backstore_trim\": true are trimmed");
+  // An exported LUN is unexported meanwhile.
+  const auto turn = take_turn(context, pool_id, true, lun_id, reply);
+  if (!turn) return reply;
   if (!manager()->trim_backstore(pool_id, lun_id)) return failure(request, "the LUN cannot be trimmed");
   return {200, Object{{"pool_id", pool_id}, {"lun_id", lun_id}}};
 }

@@ -7,6 +7,7 @@
 #include "backup/pools/scsipool/dataset_manager.h"
 #include "backup/pools/scsipool/receive_process_manager.h"
 #include "backup/pools/scsipool/scsi_pool_receiver.h"
+#include "backup/pools/scsipool/utils.h"
 #include "daemon/datasets.h"
 #include "daemon/pool_request.h"
 #include "daemon/request_log.h"
@@ -43,7 +44,7 @@ bool read_number(const std::string& text, ACE_UINT64 highest, ACE_UINT64& number
 }
 
 std::string key_of(const Unsettled_Snapshot& snapshot) {
-  return Dataset_Turns::key(snapshot.pool_id, snapshot.lun, snapshot.dataset);
+  return scsi_pool::dataset_key(snapshot.pool_id, snapshot.lun, snapshot.dataset);
 }
 
 bool gone_from_disk(scsi_pool::SCSI_Pool_Backstore_Manager& backstore, bool lun, const std::string& dataset,
@@ -174,12 +175,12 @@ void Receive_Handler::handle(const Server_Request& request, Server_Response& res
     // Ends the tool of a transfer that still runs, which ends the transfer; its own end removes what came.
     Receiver_Process_Manager::instance()->remove(transfer.pool_id, transfer.dataset_mgr,
                                                  transfer.snapshot_id);
-    const Dataset_Turns::Turn turn(context_.turns, key_of(transfer), TURN_WAIT);
+    const platform::Turns::Turn turn(context_.turns, key_of(transfer), TURN_WAIT);
     if (turn && !recorded(context_, transfer)) drop_partial(transfer);
     response.json(200, Object{{"snapshot_id", transfer.snapshot_id}});
     return;
   }
-  const Dataset_Turns::Turn turn(context_.turns, key_of(transfer), TURN_WAIT);
+  const platform::Turns::Turn turn(context_.turns, key_of(transfer), TURN_WAIT);
   if (!turn) {
     response.error(409, "another transfer into '" + transfer.dataset + "' is running");
     return;

@@ -175,6 +175,8 @@ Reply delete_snapshot(Context& context, const Request& request, const Kind& kind
   if (!owned) return failure(request, "the snapshot's owner cannot be read");
   if (!parent.empty() && parent != owner) return refusal(409, "the snapshot belongs to '" + owner + "'");
   if (!target_takes_key(pool_id, reply)) return reply;
+  const auto turn = delete_empty ? take_turn(context, pool_id, kind.of_lun, owner, reply) : nullptr;
+  if (delete_empty && !turn) return reply;
   // Only LUN snapshots can be exported; with force their exports go first.
   if (force && kind.of_lun && manager()->snapshot_exported(pool_id, snapshot_id)) {
     if (!only_exports_depend(context, request, pool_id, owner, snapshot_id, reply)) return reply;

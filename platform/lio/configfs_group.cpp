@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <set>
 
 #include "platform/base/fault_point.h"
 #include "platform/base/log.h"
@@ -12,17 +13,14 @@ bool Group::list_luns(std::vector<unsigned>& numbers) const {
   const Change change(context_, false);
   if (!change.held()) return false;
   if (!exists()) return LOG_FAILURE("Failed to list LUNs: '%s' does not exist\n", path_.c_str());
-  const Saved_Target* target = context_->record().find(fabric_.type, target_, tag_);
-  const std::map<unsigned, Saved_Lun> none;
-  const std::map<unsigned, Saved_Lun>& saved = target ? target->luns : none;
-  auto next = saved.begin();
+  std::set<unsigned> all;
+  if (const Saved_Target* target = context_->record().find(fabric_.type, target_, tag_))
+    for (const auto& lun : target->luns)
+      if (lun.second.settled) all.insert(all.end(), lun.first);
   std::string backstore;
-  for (const unsigned number : lun_folders(tree(), path_)) {
-    while (next != saved.end() && next->first < number)
-      ++next;
-    const bool recorded = next != saved.end() && next->first == number && next->second.settled;
-    if (recorded || linked_backstore(tree(), path_, number, backstore)) numbers.push_back(number);
-  }
+  for (const unsigned number : lun_folders(tree(), path_))
+    if (!all.count(number) && linked_backstore(tree(), path_, number, backstore)) all.insert(number);
+  numbers.insert(numbers.end(), all.begin(), all.end());
   return true;
 }
 

@@ -23,15 +23,16 @@ class Group {
   bool exists() const { return tree().exists(path_); }
 
   // Target and group; recorded before they are made, so that a crash leaves nothing that nobody knows. What
-  // was made is removed on failure.
+  // was made is removed on failure. A group with recorded LUNs gets its recorded mode.
   bool make();
   bool set_demo_mode();
   bool demo_mode() const;
   bool set_acl_mode();
   bool enable(bool on);
   bool add_portal(const Saved_Portal& portal);
-  // The numbers of the LUNs; reads the links only of those that the record does not know, for that is most of
-  // what a listing of many costs.
+  // The numbers of the LUNs. Those of the record count while the kernel does not have them too: they come
+  // back when their volume does, into the mode that the group has then. Reads the links only of those that
+  // the record does not know, for that is most of what a listing of many costs.
   bool list_luns(std::vector<unsigned>& numbers) const;
   bool create_lun(const std::string& backstore, bool map_all, unsigned& number);
   // `backstore` is what the caller knows under that number: another one there is a failure.
@@ -41,6 +42,7 @@ class Group {
 
   // In the kernel alone, without the record; used by restore and repair too.
   bool make_in_kernel();
+  bool bring_to(Mode mode);
   bool open_in_kernel();   // to demo mode
   bool close_in_kernel();  // to clean ACL mode
   bool cleanly_closed() const;

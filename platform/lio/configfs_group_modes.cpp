@@ -31,11 +31,13 @@ bool Group::save_later(const std::function<void(Saved_Target&)>& alter) {
 bool Group::make() {
   const Change change(context_);
   if (!change.held() || !context_->ensure_fabric(fabric_)) return false;
-  const bool known = context_->record().find(fabric_.type, target_, tag_) != nullptr;
+  const Saved_Target* saved = context_->record().find(fabric_.type, target_, tag_);
+  const bool known = saved != nullptr;
   if (known && exists()) return true;
+  const Mode mode = known && saved->has_settled() ? saved->mode : Mode::fresh;
   if (!save([](Saved_Target&) {})) return false;
   FAULT_POINT("lio.target_saved");
-  if (make_in_kernel()) return true;
+  if (make_in_kernel() && bring_to(mode)) return true;
   if (!known) context_->save([&](Record& record) { record.drop_target(fabric_.type, target_, 0); });
   return false;
 }
@@ -45,10 +47,17 @@ bool Group::make_in_kernel() {
   bool made = false;
   if (!context_->ensure_fabric(fabric_) || !tree().ensure_folder(folder, &made)) return false;
   FAULT_POINT("lio.target_made");
-  const bool good = tree().ensure_folder(path_);
+  bool fresh = false;
+  const bool good = tree().ensure_folder(path_, &fresh);
   if (!good && made) tree().clear_folder(folder);
   FAULT_POINT("lio.group_made");
-  return good;
+  // A Fibre Channel adapter's group begins in a demo mode of its own, in which initiators see no LUN.
+  return good && (!fresh || tree().value(attribute("generate_node_acls")) != "1" || settle_closed());
+}
+
+bool Group::bring_to(Mode mode) {
+  if (mode == Mode::demo) return open_in_kernel();
+  return mode != Mode::acl || close_in_kernel();
 }
 
 // An administrator's LUNs are neither opened to everybody nor taken apart.

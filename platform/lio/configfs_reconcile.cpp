@@ -19,11 +19,6 @@ bool lists(const LIO_ACLs& acls, const std::string& initiator) {
                      [&](const LIO_ACL& acl) { return acl.initiator == initiator; });
 }
 
-bool has_settled(const Saved_Target& target) {
-  return std::any_of(target.luns.begin(), target.luns.end(),
-                     [](const auto& lun) { return lun.second.settled; });
-}
-
 }  // namespace
 
 Reconciler::Reconciler(Context_ptr context, LIO_Report& report, Task task)
@@ -58,7 +53,7 @@ void Reconciler::check_saved() {
   // A copy: mending may alter the record.
   const std::vector<Saved_Target> targets = context_->record().targets;
   for (const Saved_Target& saved : targets)
-    if (has_settled(saved)) check_target(saved);
+    if (saved.has_settled()) check_target(saved);
 }
 
 void Reconciler::check_target(const Saved_Target& saved) {
@@ -75,9 +70,7 @@ void Reconciler::check_target(const Saved_Target& saved) {
 }
 
 bool Reconciler::build_target(Group& group, const Saved_Target& saved) {
-  if (!group.make_in_kernel()) return false;
-  if (saved.mode == Mode::demo && !group.open_in_kernel()) return false;
-  if (saved.mode == Mode::acl && !group.close_in_kernel()) return false;
+  if (!group.make_in_kernel() || !group.bring_to(saved.mode)) return false;
   return std::all_of(saved.portals.begin(), saved.portals.end(),
                      [&](const Saved_Portal& portal) { return group.listen_in_kernel(portal); });
 }

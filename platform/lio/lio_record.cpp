@@ -134,6 +134,10 @@ bool same_target(const Saved_Target& target, LIO_Target_Type type, const std::st
 
 }  // namespace
 
+bool Saved_Target::has_settled() const {
+  return std::any_of(luns.begin(), luns.end(), [](const auto& lun) { return lun.second.settled; });
+}
+
 Saved_Target* Record::find(LIO_Target_Type type, const std::string& name, int tag) {
   for (Saved_Target& target : targets)
     if (same_target(target, type, name) && target.tag == tag) return &target;

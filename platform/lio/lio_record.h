@@ -44,6 +44,8 @@ struct Saved_Target {
   bool enabled = false;
   std::vector<Saved_Portal> portals;
   std::map<unsigned, Saved_Lun> luns;  // by number
+
+  bool has_settled() const;
 };
 
 // What a volume had when it was last exported, so that it gets the same again.

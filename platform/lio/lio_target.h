@@ -21,8 +21,9 @@ class Target_Port_Group {
 
   virtual ~Target_Port_Group() = default;
 
-  // Appends the LUNs in the order of their numbers. Cheap: a LUN's backstore is read when it is first asked
-  // for.
+  // Appends the LUNs in the order of their numbers, also those of the saved configuration that could not be
+  // rebuilt yet (their backstore path is empty): they are part of the group and come back. Cheap: a LUN's
+  // backstore is read when it is first asked for.
   virtual bool list_luns(LIO_Luns& luns) = 0;
   // A new LUN on a backstore. It gets the number that the backstore's path had in this target before, if that
   // is free, else the lowest free one that is not kept for another volume. A group without LUNs is disabled

@@ -88,8 +88,9 @@ void Fake_Configfs::populate(const std::string& path) {
   }
   if (parts[0] == "iscsi" && parts.size() == 2) put(path + "/fabric_statistics/iscsi_instance/sessions", "0");
   if (starts(last, "tpgt_") && parts[0] == "iscsi") {
-    for (const char* name : {"generate_node_acls", "cache_dynamic_acls", "prod_mode_write_protect"})
-      put(path + "/attrib/" + name, "0");
+    for (const char* name : {"generate_node_acls", "cache_dynamic_acls"})
+      put(path + "/attrib/" + name, groups_open_ ? "1" : "0");
+    put(path + "/attrib/prod_mode_write_protect", "0");
     for (const char* name : {"authentication", "demo_mode_write_protect", "demo_mode_discovery"})
       put(path + "/attrib/" + name, "1");
     put(path + "/enable", "0");

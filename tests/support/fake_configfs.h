@@ -22,6 +22,8 @@ class Fake_Configfs : public lio::Configfs {
   void clear_changes() { changes_.clear(); }
   // An attribute of a backstore was written before it was enabled: the real kernel would have died.
   bool died() const { return died_; }
+  // Port groups made from now on begin in demo mode, as those of a Fibre Channel adapter do.
+  void make_groups_open() { groups_open_ = true; }
   // Takes all targets and backstores away, as a reboot does.
   void reboot();
   // All folders that a caller made, for comparisons.
@@ -51,4 +53,5 @@ class Fake_Configfs : public lio::Configfs {
   std::vector<Failure> failures_;
   std::vector<std::string> changes_;
   bool died_ = false;
+  bool groups_open_ = false;
 };

@@ -125,6 +125,28 @@ class Pool_Life(System_Test):
         self.ctl(daemon, "pool", "delete", "lost", "--yes", "--force")
         self.assertEqual([], daemon.request("GET", "/svc/r/health")[1]["pools"])
 
+    def test_a_pool_that_is_not_mounted_takes_nothing(self):
+        """Where /orbistor is on Btrfs itself, the tools would work on it instead."""
+        disk = self.sandbox.path("disk")
+        with open(disk, "wb") as file:
+            file.truncate(1024 * MIB)
+        run("mkfs.btrfs", "-q", disk)
+        run("mount", "-o", "loop", disk, "/orbistor")
+        try:
+            daemon = self.daemon().start()
+            pool = self.new_id()
+            self.ctl(daemon, "pool", "create", "away", "--size", "200M", "--thin", "--id", pool)
+            run("umount", f"{MOUNTS}/{pool}")
+            self.ctl(daemon, "lun", "create", "away", "--size", "10M", status=1)
+            self.ctl(daemon, "fs", "create", "away", "data", status=1)
+            self.assertEqual([], os.listdir(f"{MOUNTS}/{pool}"))
+            run("mount", f"{MOUNTS}/{pool}")
+            self.ctl(daemon, "lun", "create", "away", "--size", "10M")
+            self.ctl(daemon, "pool", "delete", "away", "--yes", "--force")
+            self.assertEqual(0, daemon.stop())
+        finally:
+            run("umount", "-l", "/orbistor")
+
 
 class Room(System_Test):
     room = "300m"

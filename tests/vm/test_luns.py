@@ -226,6 +226,11 @@ class Restart(Lun_Case):
         self.assertIn(lun_id, str(self.daemon.differences()))
         with Initiator(LISTED, self.target) as client:
             self.assertEqual([number], client.luns())
+        # It stays part of its target: that neither goes with the last LUN there is nor opens to everybody.
+        self.daemon.ok("lun", "unexport", self.pool, kept, "--force")
+        self.assertIn("lack of ACLs", self.daemon.refused("lun", "export", self.pool, self.daemon.create_lun(self.pool)))
+        self.daemon.ok("lun", "export", self.pool, kept, "--acl", LISTED)
+        self.assertIn(lun_id, str(self.daemon.differences()))
         run("mv", image + ".away", image)
         self.daemon.ok("export", "check", "--repair")
         self.assertEqual([], self.daemon.differences())

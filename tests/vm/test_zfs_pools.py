@@ -36,6 +36,13 @@ class File_Pool(Daemon_Case):
         self.daemon.ok("pool", "delete", pool, "--yes")
         self.assertEqual(([], False), (zpools(), os.path.exists(f"{BACKING}/{pool}")))
 
+    def test_a_pool_that_was_destroyed_by_hand_can_be_deleted(self):
+        pool, _ = self.create_pool("gone")
+        run("zpool", "destroy", pool)
+        self.daemon.ok("pool", "delete", pool, "--yes")
+        self.assertFalse(os.path.exists(f"{BACKING}/{pool}"))
+        self.assertNotIn(pool, [one["pool_id"] for one in self.daemon.ok("health")["pools"]])
+
     def test_smallest_pool(self):
         pool, _ = self.create_pool("small", size="50M")
         self.assertIn(pool, zpools())

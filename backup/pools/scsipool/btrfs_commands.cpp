@@ -1,5 +1,8 @@
 #include "backup/pools/scsipool/btrfs_commands.h"
 
+#include <linux/magic.h>
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdlib>
 
@@ -34,6 +37,17 @@ bool valid_btrfs_name(const char* name) {
 
 std::string btrfs_path(const std::string& mount_point, const std::string& name) {
   return mount_point + '/' + name;
+}
+
+bool is_pool_root(const std::string& mount_point) {
+  constexpr ino_t SUBVOLUME_ROOT = 256;
+  unsigned long type = 0;
+  struct stat status {};
+  if (!platform::get_filesystem_type(mount_point.c_str(), type) || type != BTRFS_SUPER_MAGIC ||
+      ::stat(mount_point.c_str(), &status) != 0 || status.st_ino == SUBVOLUME_ROOT)
+    return true;  // anything else the tools refuse
+  errno = ENODEV;
+  return LOG_FAILURE("Failed to use '%s': no pool is mounted there\n", mount_point.c_str());
 }
 
 void btrfs_keep_blocks(const std::string& mount_point) {

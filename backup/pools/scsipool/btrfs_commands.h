@@ -15,6 +15,10 @@ bool valid_btrfs_name(const char* name);
 
 std::string btrfs_path(const std::string& mount_point, const std::string& name);
 
+// May the pool's folder be used? Not when it is a plain folder of another Btrfs, as when /orbistor is on one
+// and the pool is not mounted: what is made would land there. Logs a refusal.
+bool is_pool_root(const std::string& mount_point);
+
 // Mounts again without discards. Asynchronous discard, the default since Linux 6.2, gives freed blocks back
 // through the loop device, which punches holes into the backing file: blocks that were reserved for a pool
 // would go to others.

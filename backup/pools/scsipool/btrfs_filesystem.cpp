@@ -2,6 +2,7 @@
 
 #include <ace/Guard_T.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <mntent.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,7 +31,6 @@ namespace scsi_pool {
 
 namespace {
 
-constexpr unsigned long BTRFS_MAGIC = 0x9123683E;
 constexpr unsigned int LOGGED_LINES = 8;
 // The tool's own limit for its normal layout, which keeps metadata twice.
 constexpr off_t SMALLEST_NORMAL = 114294784;
@@ -186,6 +186,11 @@ bool Btrfs_Filesystem::mounted() const {
   return mount_source(mount_point_, source);
 }
 
+// A global device is whatever the administrator has put there.
+bool Btrfs_Filesystem::is_there() const {
+  return device_.empty() || is_pool_root(mount_point_);
+}
+
 bool Btrfs_Filesystem::get_loop_device_name(std::string& name) const {
   return mount_source(mount_point_, name);
 }
@@ -199,12 +204,12 @@ bool Btrfs_Filesystem::verify() const {
   if (!platform::get_filesystem_type(mount_point_.c_str(), type)) {
     return LOG_FAILURE("Failed to statfs %s, errno=%d\n", mount_point_.c_str(), errno);
   }
-  return type == BTRFS_MAGIC;
+  return type == BTRFS_SUPER_MAGIC;
 }
 
 bool Btrfs_Filesystem::get_used_size(ACE_UINT64& size) const {
   size = 0;
-  if (!usable_path(mount_point_)) return false;
+  if (!usable_path(mount_point_) || !is_there()) return false;
   platform::Tool_Options options(
       platform::format_command("btrfs filesystem df \"%s\"", mount_point_.c_str()));
   Btrfs_Df_Line_Handler handler(size);
@@ -226,7 +231,7 @@ Sub_Volume* Btrfs_Filesystem::create_sub_volume(const char* name, const FS_Info_
     LOG_VIOLATION("name is NULL or \"\"");
     return nullptr;
   }
-  if (!usable_path(mount_point_) || !valid_btrfs_name(name)) return nullptr;
+  if (!usable_path(mount_point_) || !valid_btrfs_name(name) || !is_there()) return nullptr;
   if (subprocess::call("btrfs subvolume create \"%s\"", btrfs_path(mount_point_, name).c_str()) != 0) {
     LOG_FAILURE("Failed to crate btrfs subvolume: %m\n");
     return nullptr;
@@ -289,7 +294,7 @@ Sub_Filesystem* Btrfs_Filesystem::create_sub_filesystem(const char* name, const 
     LOG_VIOLATION("name is NULL or \"\"");
     return nullptr;
   }
-  if (!usable_path(mount_point_) || !valid_btrfs_name(name)) return nullptr;
+  if (!usable_path(mount_point_) || !valid_btrfs_name(name) || !is_there()) return nullptr;
   if (!verify()) {
     LOG_FAILURE("Failed to create Btrfs sub filesystem: filesystem verify error\n");
     return nullptr;

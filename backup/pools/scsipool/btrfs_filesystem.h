@@ -55,6 +55,7 @@ class SCSIPOOL_Export Btrfs_Filesystem : public Filesystem {
  private:
   using lock_type = ACE_RW_Thread_Mutex;
 
+  bool is_there() const;
   bool make_mixed(const std::string& label_option) const;
   bool mount_device(std::string& compression) const;
   bool run_mount(const std::string& compression) const;

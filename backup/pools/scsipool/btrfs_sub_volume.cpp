@@ -105,6 +105,7 @@ bool Btrfs_Sub_Volume::snapshot_exist(const char* name) const {
 }
 
 bool Btrfs_Sub_Volume::receive_snapshot(const char*, bool, ACE_Process_Ex* proc) {
+  if (!is_pool_root(mount_point_)) return false;
   const std::string command = platform::format_command("btrfs receive -e \"%s\"", mount_point_.c_str());
   LOG_DEBUG("Receive snapshot: %s\n", command.c_str());
   if (spawn_btrfs_stream(command, proc)) return true;

@@ -6,9 +6,11 @@
 
 #include "backup/pools/scsipool/filesystem_factory.h"
 #include "backup/pools/scsipool/utils.h"
+#include "backup/pools/scsipool/zfs_filesystem.h"
 #include "platform/base/fault_point.h"
 #include "platform/base/file.h"
 #include "platform/base/log.h"
+#include "platform/zfs/zfs_host.h"
 
 namespace scsi_pool {
 namespace {
@@ -62,7 +64,7 @@ bool SCSI_Pool_File_Backstore_Manager::destroy() {
     return LOG_FAILURE("Failed to delete %s SCSI pool backstore: backstore does not exist\n",
                        pool_id_.c_str());
   }
-  if (!umount()) {
+  if (!umount() && !zpool_is_gone()) {
     return LOG_FAILURE("Failed to delete %s SCSI pool backstore: umount backstore error\n", pool_id_.c_str());
   }
   // A pool that is gone already must not keep its file from being removed, but the file of one that is still
@@ -76,6 +78,12 @@ bool SCSI_Pool_File_Backstore_Manager::destroy() {
   }
   if (platform::is_directory(mount_point_)) ::rmdir(mount_point_.c_str());
   return true;
+}
+
+// A pool that the kernel does not have cannot be asked where it is mounted.
+bool SCSI_Pool_File_Backstore_Manager::zpool_is_gone() const {
+  return dynamic_cast<const ZFS_Filesystem*>(fs_mgr_.get()) != nullptr &&
+         zfs::pool_presence(pool_id_) == zfs::Pool_Presence::absent;
 }
 
 bool SCSI_Pool_File_Backstore_Manager::mount(const FS_Info_Item& info) {

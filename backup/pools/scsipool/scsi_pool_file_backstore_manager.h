@@ -24,6 +24,9 @@ class SCSIPOOL_Export SCSI_Pool_File_Backstore_Manager : public SCSI_Pool_Backst
   bool exist() const override;
   bool get_used_size(ACE_UINT64& size) const override;
 
+ private:
+  bool zpool_is_gone() const;
+
  protected:
   std::string backstore_;  // path of the backing file
 };

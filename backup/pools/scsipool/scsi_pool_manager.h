@@ -17,6 +17,7 @@
 #include "backup/pools/scsipool/scsi_pool_sqlite_manager.h"
 #include "backup/pools/scsipool/scsipool_export.h"
 #include "backup/pools/scsipool/sub_volume_exporter.h"
+#include "platform/base/turns.h"
 #include "platform/json/json_spirit.h"
 #include "platform/lio/lio_types.h"
 
@@ -264,6 +265,9 @@ class SCSIPOOL_Export SCSI_Pool_Manager {
 
   ACE_RW_Thread_Mutex target_lock_;  // declared for target work; changes are serialised by scsi_pool::LOCK
   ACE_RW_Thread_Mutex lock_;         // sequence numbers, snapshot rows and standby counts
+  // Of datasets, from taking a snapshot to its record: two at once would get their numbers in the wrong
+  // order.
+  platform::Turns snapshot_turns_;
   std::unique_ptr<SCSI_Pool_Sqlite_Manager> sqlite_impl_;
   std::string global_filesystem_type_;
   std::string global_dev_;

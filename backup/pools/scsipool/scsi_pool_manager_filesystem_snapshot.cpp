@@ -25,11 +25,14 @@ bool SCSI_Pool_Manager::create_filesystem_snapshot(const std::string& pool_id, c
   if (!generate_uuid(snapshot_id)) return false;
   SCSI_Pool_Backstore_Manager_var backstore(init_backstore_mgr(pool_id));
   if (!backstore) return LOG_FAILURE("Failed to create snapshots: init impl error\n");
-  if (!backstore->create_filesystem_snapshot(name.c_str(), snapshot_id.c_str())) return false;
-  if (!add_filesystem_snapshot_to_db(pool_id, name, snapshot_id, 0, recycle))
-    return LOG_FAILURE(
-        "Failed to add snapshot to database, pool is '%s', filesystem is '%s', snapshot is '%s'.\n",
-        pool_id.c_str(), name.c_str(), snapshot_id.c_str());
+  {
+    const platform::Turns::Turn turn(snapshot_turns_, dataset_key(pool_id, false, name));
+    if (!backstore->create_filesystem_snapshot(name.c_str(), snapshot_id.c_str())) return false;
+    if (!add_filesystem_snapshot_to_db(pool_id, name, snapshot_id, 0, recycle))
+      return LOG_FAILURE(
+          "Failed to add snapshot to database, pool is '%s', filesystem is '%s', snapshot is '%s'.\n",
+          pool_id.c_str(), name.c_str(), snapshot_id.c_str());
+  }
   Filesystem_Recycle_Manager(pool_id).recycle(name);
   return true;
 }
@@ -124,8 +127,11 @@ bool SCSI_Pool_Manager::delete_filesystem_snapshot(const std::string& pool_id, c
   std::string name;
   if (!get_filesystem_snapshot_parent(pool_id, snapshot_id, name))
     return LOG_FAILURE("Failed to delete snapshot: get snapshot parent name '%s' error", snapshot_id.c_str());
-  json_spirit::Array siblings;
-  if (delete_empty_fs && list_filesystem_snapshots(pool_id, name, siblings) && siblings.size() == 1)
+  json_spirit::Array measured, recorded;
+  if (delete_empty_fs && list_filesystem_snapshots(pool_id, name, measured) &&
+      sqlite_impl_->list_filesystem_snapshots(pool_id, name, recorded,
+                                              SCSI_Pool_Sqlite_Manager::SNAPSHOT_LIST_ALL) &&
+      is_only_snapshot(measured, recorded, snapshot_id))
     return delete_filesystem(pool_id, name);
   if (!free_of_clones(pool_id, name, snapshot_id, false)) return false;
   if (!Recycling_Manager::recycle_scsi_metadata(pool_id, snapshot_id))

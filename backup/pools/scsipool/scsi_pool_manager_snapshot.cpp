@@ -33,10 +33,13 @@ bool SCSI_Pool_Manager::create_snapshot(const std::string& pool_id, const std::s
   if (!generate_uuid(snapshot_id)) return false;
   SCSI_Pool_Backstore_Manager_var backstore(init_backstore_mgr(pool_id));
   if (!backstore) return LOG_FAILURE("Failed to create snapshots: init impl error\n");
-  if (!backstore->create_snapshot(lun_id, snapshot_id)) return false;
-  if (!add_snapshot_to_db(pool_id, lun_id, snapshot_id, 0, recycle))
-    return LOG_FAILURE("Failed to add snapshot to database, pool is '%s', LUN is '%s', snapshot is '%s'.\n",
-                       pool_id.c_str(), lun_id.c_str(), snapshot_id.c_str());
+  {
+    const platform::Turns::Turn turn(snapshot_turns_, dataset_key(pool_id, true, lun_id));
+    if (!backstore->create_snapshot(lun_id, snapshot_id)) return false;
+    if (!add_snapshot_to_db(pool_id, lun_id, snapshot_id, 0, recycle))
+      return LOG_FAILURE("Failed to add snapshot to database, pool is '%s', LUN is '%s', snapshot is '%s'.\n",
+                         pool_id.c_str(), lun_id.c_str(), snapshot_id.c_str());
+  }
   Volume_Recycle_Manager(pool_id).recycle(lun_id);
   return true;
 }
@@ -191,8 +194,10 @@ bool SCSI_Pool_Manager::delete_snapshot(const std::string& pool_id, const std::s
   std::string lun;
   if (!get_snapshot_parent_id(pool_id, snapshot_id, lun))
     return LOG_FAILURE("Failed to delete snapshot: get snapshot parent uuid '%s' error", snapshot_id.c_str());
-  json_spirit::Array siblings;
-  if (delete_empty_lun && list_lun_snapshots(pool_id, lun, siblings) && siblings.size() == 1)
+  json_spirit::Array measured, recorded;
+  if (delete_empty_lun && list_lun_snapshots(pool_id, lun, measured) &&
+      sqlite_impl_->list_lun_snapshots(pool_id, lun, recorded, SCSI_Pool_Sqlite_Manager::SNAPSHOT_LIST_ALL) &&
+      is_only_snapshot(measured, recorded, snapshot_id))
     return delete_lun(pool_id, lun, false);
   if (snapshot_exported(pool_id, snapshot_id))
     return LOG_FAILURE("Failed to delete snapshot: snapshot '%s' is exported\n", snapshot_id.c_str());

@@ -15,6 +15,11 @@ std::map<std::string, std::set<std::string>> snapshots_by_dataset(const json_spi
   return names;
 }
 
+bool is_only_snapshot(const json_spirit::Array& measured, const json_spirit::Array& recorded,
+                      const std::string& snapshot_id) {
+  return measured.size() == 1 && recorded.size() == 1 && measured.front()["id"] == snapshot_id;
+}
+
 void add_sizes(const Snapshot_Size& size, json_spirit::Object& record) {
   record["size"] = size.excl + size.rfer;
   record["excl_size"] = size.excl;

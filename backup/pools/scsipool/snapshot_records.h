@@ -15,6 +15,11 @@ namespace scsi_pool {
 std::map<std::string, std::set<std::string>> snapshots_by_dataset(const json_spirit::Array& rows,
                                                                   const char* dataset_key);
 
+// Is this the dataset's only snapshot? `measured` is the listing, which leaves out what the storage cannot
+// measure, `recorded` the catalog's rows.
+bool is_only_snapshot(const json_spirit::Array& measured, const json_spirit::Array& recorded,
+                      const std::string& snapshot_id);
+
 // Adds the members that tell the size.
 void add_sizes(const Snapshot_Size& size, json_spirit::Object& record);
 

@@ -114,6 +114,9 @@ bool Sub_Volume_Manager::clone(const std::string& snapshot_uuid, bool link_clone
                        snapshot_uuid.c_str());
   }
   if (vol_uuid.empty() && !generate_uuid(vol_uuid)) return false;
+  // As in create(): what cannot be recorded must not be made.
+  if (!platform::is_uuid(vol_uuid))
+    return LOG_FAILURE("Failed to clone sub volume: '%s' is no UUID\n", vol_uuid.c_str());
   SCSI_Pool_Backstore_Manager::volume_ext_attrs attrs;
   // A clone gets by without the pool's attributes; a half-read set must not count.
   if (!get_attr_from_pool(attrs)) attrs = {};

@@ -78,4 +78,8 @@ bool generate_uuid(std::string& uuid) {
   return true;
 }
 
+std::string dataset_key(const std::string& pool_id, bool is_lun, const std::string& dataset) {
+  return pool_id + (is_lun ? "/1/" : "/0/") + dataset;
+}
+
 }  // namespace scsi_pool

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "backup/pools/scsipool/scsipool_export.h"
+
 namespace scsi_pool {
 
 // Makes a file of `size` bytes rounded up to the filesystem's and the machine's allocation unit, with its
@@ -14,5 +16,8 @@ bool create_and_pad_file(const char* fname, ACE_UINT64 size, bool thin_provision
 
 // A fresh UUID whose first two characters are letters.
 bool generate_uuid(std::string& uuid);
+
+// A name for a LUN or sub filesystem that no other one of any pool has.
+SCSIPOOL_Export std::string dataset_key(const std::string& pool_id, bool is_lun, const std::string& dataset);
 
 }  // namespace scsi_pool

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <thread>
@@ -65,9 +66,22 @@ bool any_volume_held(const std::string& zpool) {
   return false;
 }
 
-void unmount_all(const std::string& zpool) {
-  for (const std::string& dataset : zfs::mounted_datasets(zpool)) {
+// Returns what was mounted, the innermost first.
+std::vector<std::string> unmount_all(const std::string& zpool) {
+  const std::vector<std::string> mounted = zfs::mounted_datasets(zpool);
+  for (const std::string& dataset : mounted) {
     zfs_call(platform::format_command("zfs umount \"%s\"", dataset.c_str()));
+  }
+  return mounted;
+}
+
+// Writers would fill the folder below otherwise.
+void mount_again(const std::string& zpool, const std::vector<std::string>& mounted) {
+  const std::vector<std::string> left = zfs::mounted_datasets(zpool);
+  for (auto dataset = mounted.rbegin(); dataset != mounted.rend(); ++dataset) {
+    if (std::find(left.begin(), left.end(), *dataset) != left.end()) continue;
+    if (zfs_call(platform::format_command("zfs mount \"%s\"", dataset->c_str())) == 0) continue;
+    LOG_FAILURE("Failed to mount '%s' again after a refused destroy\n", dataset->c_str());
   }
 }
 
@@ -134,10 +148,11 @@ bool ZFS_Filesystem::destroy_pool() const {
 
 bool ZFS_Filesystem::destroy() {
   if (!zfs_names_ok(zpool_, {})) return false;
-  unmount_all(zpool_);
   if (any_volume_held(zpool_)) return LOG_FAILURE("Failed to delete zpool '%s'\n", zpool_.c_str());
+  const std::vector<std::string> mounted = unmount_all(zpool_);
   const std::vector<std::string> volumes = zfs::linked_volumes(zpool_);
   if (!destroy_pool()) {
+    mount_again(zpool_, mounted);
     restore_device_nodes(zpool_, volumes);
     return LOG_FAILURE("Failed to delete zpool '%s'\n", zpool_.c_str());
   }

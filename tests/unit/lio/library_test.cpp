@@ -166,6 +166,19 @@ TEST_F(Lio_Library, an_emptied_open_group_is_disabled_before_it_gets_a_lun) {
   EXPECT_EQ("0", tree_->value(GROUP + "/enable"));
 }
 
+// As those of a Fibre Channel adapter do, in a demo mode that shows no LUN.
+TEST_F(Lio_Library, a_group_that_the_kernel_opens_is_closed_first_and_comes_back_in_its_mode) {
+  tree_->make_groups_open();
+  EXPECT_FALSE(target()->create_or_get_tpg(1)->demo_mode());
+  ASSERT_TRUE(create(volume(1), {}));
+  EXPECT_EQ("0", tree_->value(GROUP + "/attrib/demo_mode_write_protect"));
+  ASSERT_TRUE(create(volume(2), {{INITIATOR, ""}}, OTHER));
+  tree_->reboot();
+  restart();
+  EXPECT_TRUE(target()->create_or_get_tpg(1)->demo_mode());
+  EXPECT_FALSE(target(OTHER)->create_or_get_tpg(1)->demo_mode());
+}
+
 TEST_F(Lio_Library, portals_follow_the_other_targets_and_fall_back_to_ipv4) {
   tree_->fail("mkdir", "[::]:3260", EINVAL, 1);
   ASSERT_TRUE(create(volume(1), {}));
@@ -274,6 +287,13 @@ TEST_F(Lio_Library, restore_rebuilds_and_keeps_what_it_cannot) {
   ASSERT_TRUE(LIO_Saved_Config::list_saved(saved));
   EXPECT_EQ(2u, saved.size());
   EXPECT_EQ("host", saved[0].acls.at(0).host_uuid);
+  // It still counts: another export neither opens the group to everybody nor ends the target with itself.
+  LIO_Luns luns;
+  std::string path = "unread";
+  ASSERT_TRUE(target()->get_tpg(1)->list_luns(luns));
+  ASSERT_EQ(1u, luns.size());
+  EXPECT_TRUE(luns[0]->backstore_path(path));
+  EXPECT_EQ("", path);
   ASSERT_EQ(0, ::rename((dir_ / "away").c_str(), volume(1).c_str()));
   EXPECT_TRUE(LIO_Saved_Config::restore(report));
   EXPECT_EQ(before, tree_->listing());

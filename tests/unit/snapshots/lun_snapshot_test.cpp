@@ -91,8 +91,12 @@ TEST_F(Lun_Snapshots, ExistenceNeedsRecordAndStorageButOneOfSeveralOnlyARecord) 
 
 TEST_F(Lun_Snapshots, TheLastOneTakesTheEmptyLunWithItWhenAsked) {
   add_snapshots(A, 1, 2);
+  // One that the storage does not show at the moment is not listed, and still the catalog's.
+  Ids shown = {id(1)};
+  std::swap(shown, pool().volumes[A].snapshots);
   EXPECT_TRUE(manager_.delete_snapshot(POOL, id(1), true));
   EXPECT_TRUE(manager_.lun_exist(POOL, A));
+  pool().volumes[A].snapshots = {id(2)};
   EXPECT_TRUE(manager_.delete_snapshot(POOL, A, 2, true)) << log_.dump();
   EXPECT_FALSE(manager_.lun_exist(POOL, A));
   EXPECT_FALSE(manager_.delete_snapshot(POOL, A, 2, true));

@@ -142,13 +142,16 @@ TEST_F(Zfs_Pool, Destroy_Unmounts_First_And_Waits_Out_A_Busy_Moment) {
   EXPECT_TRUE(ZFS_Filesystem("f", "pa").destroy()) << log_.dump();
 }
 
-TEST_F(Zfs_Pool, A_Refused_Destroy_Brings_The_Devices_Back) {
+TEST_F(Zfs_Pool, A_Refused_Destroy_Brings_Mounts_And_Devices_Back) {
+  shell("printf 'pa/fs /m zfs rw 0 0\\n' > self/mounts");
   shell(link("pa/v1"));
   shell(link("pa/v2"));
+  tools_.expect("zfs umount pa/fs").runs(": > '" + (host_ / "self/mounts") + "'");
   tools_.expect("zpool destroy pa")
       .status(1)
       .errors("cannot destroy 'pa': out of memory\n")
       .runs(unlink("pa/v2"));
+  tools_.expect("zfs mount pa/fs");
   tools_.expect("zfs set volmode=none pa/v2");
   tools_.expect("zfs set volmode=dev pa/v2").runs(link("pa/v2"));
   EXPECT_FALSE(ZFS_Filesystem("f", "pa").destroy());
