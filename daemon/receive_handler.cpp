@@ -96,6 +96,19 @@ bool settle(Context& context, const Unsettled_Snapshot& snapshot) {
 
 }  // namespace
 
+// Makes a transfer known to a request that ends it, for as long as it is fed.
+class Receive_Handler::Running {
+ public:
+  Running(Receive_Handler& owner, const Transfer& transfer, Body_Reader* stream);
+  ~Running();
+  Running(const Running&) = delete;
+  Running& operator=(const Running&) = delete;
+
+ private:
+  Receive_Handler& owner_;
+  const std::string key_;
+};
+
 struct Receive_Handler::Transfer : Unsettled_Snapshot {
   Dataset_Manager dataset_mgr;
   bool recycle = false;
@@ -103,6 +116,41 @@ struct Receive_Handler::Transfer : Unsettled_Snapshot {
   ACE_UINT64 seq = 0;       // 0: not given
   std::string stream_uuid;  // what a Btrfs stream says it is of; empty for another
 };
+
+Receive_Handler::Running::Running(Receive_Handler& owner, const Transfer& transfer, Body_Reader* stream)
+    : owner_(owner), key_(key_of(transfer) + "@" + transfer.snapshot_id) {
+  const std::lock_guard<std::mutex> guard(owner_.mutex_);
+  owner_.running_[key_] = stream;
+}
+
+Receive_Handler::Running::~Running() {
+  const std::lock_guard<std::mutex> guard(owner_.mutex_);
+  owner_.running_.erase(key_);
+}
+
+// A handler that waits for the data of a peer that has vanished would keep the dataset's turn for long.
+void Receive_Handler::cut(const Transfer& transfer) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  const auto running = running_.find(key_of(transfer) + "@" + transfer.snapshot_id);
+  if (running != running_.end()) running->second->cut();
+}
+
+// Where a snapshot is received, or removed, nothing else may have its name: on Btrfs a LUN would be taken for
+// it.
+bool Receive_Handler::name_is_free(const Transfer& transfer) {
+  if (context_.catalog.lun_exist(transfer.pool_id, transfer.snapshot_id) ||
+      context_.catalog.filesystem_exist(transfer.pool_id, transfer.snapshot_id))
+    return false;
+  std::string owner;
+  if (context_.catalog.snapshot_exist(transfer.pool_id, transfer.snapshot_id))
+    return transfer.lun && manager()->get_snapshot_parent_id(transfer.pool_id, transfer.snapshot_id, owner) &&
+           owner == transfer.dataset;
+  if (context_.catalog.filesystem_snapshot_exist(transfer.pool_id, transfer.snapshot_id))
+    return !transfer.lun &&
+           manager()->get_filesystem_snapshot_parent(transfer.pool_id, transfer.snapshot_id, owner) &&
+           owner == transfer.dataset;
+  return true;
+}
 
 ACE_UINT64 whole_sequence_number(ACE_UINT16 low, ACE_UINT64 newest) {
   const ACE_UINT64 span = 65536;
@@ -171,7 +219,13 @@ void Receive_Handler::handle(const Server_Request& request, Server_Response& res
     response.json(reply.status, reply.body);
     return;
   }
+  if (!name_is_free(transfer)) {
+    response.error(409,
+                   "'" + transfer.snapshot_id + "' is a LUN, a sub filesystem or another dataset's snapshot");
+    return;
+  }
   if (request.method == "DELETE") {
+    cut(transfer);
     // Ends the tool of a transfer that still runs, which ends the transfer; its own end removes what came.
     Receiver_Process_Manager::instance()->remove(transfer.pool_id, transfer.dataset_mgr,
                                                  transfer.snapshot_id);
@@ -202,7 +256,7 @@ void Receive_Handler::receive(const Server_Request& request, Transfer& transfer,
     response.error(409, "snapshot '" + transfer.snapshot_id + "' is there already and exported");
     return;
   }
-  const bool fed = prepare(transfer) && feed(request, transfer);
+  const bool fed = prepare(transfer) && feed_known(request, transfer);
   Receiver_Process_Manager::instance()->remove(transfer.pool_id, transfer.dataset_mgr, transfer.snapshot_id);
   if (fed) FAULT_POINT("receive.record");
   const bool recorded = fed && readable_as_received(transfer) && record(transfer);
@@ -236,6 +290,11 @@ bool Receive_Handler::read_head(const std::string& head, Transfer& transfer, boo
   return kind != scsi_pool::Btrfs_Stream_Head::KNOWN || name == transfer.snapshot_id ||
          LOG_FAILURE("Failed to receive snapshot '%s': the stream is of another one\n",
                      transfer.snapshot_id.c_str());
+}
+
+bool Receive_Handler::feed_known(const Server_Request& request, Transfer& transfer) {
+  const Running running(*this, transfer, request.stream);
+  return feed(request, transfer);
 }
 
 bool Receive_Handler::feed(const Server_Request& request, Transfer& transfer) {

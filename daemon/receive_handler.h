@@ -9,6 +9,8 @@
 // header X-Snapshot-Seq carries all of it, and without it the number nearest to the dataset's newest one is
 // taken.
 
+#include <map>
+#include <mutex>
 #include <string>
 
 #include "daemon/context.h"
@@ -33,19 +35,25 @@ class Receive_Handler {
 
  private:
   struct Transfer;
+  class Running;
 
   bool parse(const Server_Request& request, Transfer& transfer, Server_Response& response);
   void receive(const Server_Request& request, Transfer& transfer, Server_Response& response,
                const Request_Log& log);
   bool prepare(Transfer& transfer);
   bool read_head(const std::string& head, Transfer& transfer, bool& known);
+  bool feed_known(const Server_Request& request, Transfer& transfer);
   bool feed(const Server_Request& request, Transfer& transfer);
+  void cut(const Transfer& transfer);
+  bool name_is_free(const Transfer& transfer);
   void finish(const Transfer& transfer, bool recorded);
   bool record(const Transfer& transfer);
   bool readable_as_received(const Transfer& transfer);
   void drop_lost_records(const Transfer& transfer);
 
   Context& context_;
+  std::mutex mutex_;
+  std::map<std::string, Body_Reader*> running_;  // by dataset and snapshot
 };
 
 // The whole sequence number of which `low` is the lower 16 bits: the one nearest to `newest`, the highest

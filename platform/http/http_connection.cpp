@@ -55,6 +55,7 @@ class HTTP_Connection::Exchange : public Body_Reader {
 
   ssize_t read(void* buffer, std::size_t size) override;
   const std::string& error() const override { return error_; }
+  void cut() override { connection_.transport_.cut(); }
 
  private:
   bool read_header();

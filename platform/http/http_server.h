@@ -17,7 +17,7 @@
 #include "platform/http/uri.h"
 #include "platform/json/json_spirit.h"
 
-// Reads a body as it arrives. Used only by the handler's thread, and only until the handler returns.
+// Reads a body as it arrives. Used only until the handler returns, and but for cut() by its thread alone.
 class Body_Reader {
  public:
   virtual ~Body_Reader() = default;
@@ -27,6 +27,8 @@ class Body_Reader {
   // with 0.
   virtual ssize_t read(void* buffer, std::size_t size) = 0;
   virtual const std::string& error() const = 0;
+  // Ends the connection: read() gives -1, also one that waits. Any thread.
+  virtual void cut() = 0;
 };
 
 struct Server_Request {

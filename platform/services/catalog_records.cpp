@@ -20,12 +20,18 @@ bool only_members(const json_spirit::Object& record, std::initializer_list<const
   return true;
 }
 
-bool read_uuid(const json_spirit::Object& record, std::string& uuid, std::string& why) {
-  if (!json_spirit::object_find(record, "uuid", uuid)) return refused(why, "'uuid' is missing");
-  if (!platform::is_uuid(uuid)) return refused(why, "'uuid': '" + uuid + "' is no UUID");
+constexpr ACE_UINT64 LOWEST_RATE = 1024;  // less would look like a stalled stream to the peer
+
+void to_lower(std::string& uuid) {
   for (char& c : uuid) {
     if (c >= 'A' && c <= 'F') c = static_cast<char>(c - 'A' + 'a');
   }
+}
+
+bool read_uuid(const json_spirit::Object& record, std::string& uuid, std::string& why) {
+  if (!json_spirit::object_find(record, "uuid", uuid)) return refused(why, "'uuid' is missing");
+  if (!platform::is_uuid(uuid)) return refused(why, "'uuid': '" + uuid + "' is no UUID");
+  to_lower(uuid);
   return true;
 }
 
@@ -46,6 +52,9 @@ bool check_window(const json_spirit::Value& value, std::string& why) {
   ACE_UINT64 limit = 0;
   if (!json_spirit::object_find(*window, "max_bytes_per_second", limit))
     return refused(why, "'max_bytes_per_second' is no unsigned integer");
+  if (limit != 0 && limit < LOWEST_RATE)
+    return refused(why, "'max_bytes_per_second': the lowest limit is " + std::to_string(LOWEST_RATE) +
+                            "; 0 is no limit");
   for (const char* name : {"start_time", "end_time"}) {
     std::string text;
     unsigned seconds = 0;
@@ -79,6 +88,9 @@ bool read_catalog(const json_spirit::Object& record, Catalog& catalog, std::stri
   if (!json_spirit::object_find(catalog.extended_attrs, "snapshot_id", catalog.snapshot_id) ||
       catalog.snapshot_id.empty())
     return refused(why, "'extended_attrs' has no 'snapshot_id'");
+  // As the pool's catalog spells it: a snapshot that a backup refers to is found by this text.
+  if (platform::is_uuid(catalog.snapshot_id)) to_lower(catalog.snapshot_id);
+  catalog.extended_attrs["snapshot_id"] = catalog.snapshot_id;
   return true;
 }
 

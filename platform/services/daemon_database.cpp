@@ -31,6 +31,14 @@ CREATE TABLE alert (id INTEGER PRIMARY KEY AUTOINCREMENT, time TEXT NOT NULL, al
 CREATE TABLE job_error (job_id INTEGER PRIMARY KEY, message TEXT NOT NULL);
 CREATE TABLE unsettled_snapshot (pool_uuid TEXT NOT NULL, lun INTEGER NOT NULL, dataset TEXT NOT NULL,
                                  snapshot_id TEXT NOT NULL);
+-- version 3
+CREATE TABLE new_catalog (id INTEGER PRIMARY KEY AUTOINCREMENT, uuid TEXT NOT NULL, pool_uuid TEXT NOT NULL,
+                          snapshot_id TEXT NOT NULL, extended_attrs TEXT NOT NULL, ctime INTEGER NOT NULL,
+                          UNIQUE (uuid, pool_uuid));
+INSERT INTO new_catalog SELECT id, uuid, pool_uuid, snapshot_id, extended_attrs, ctime FROM pool_catalog;
+DROP TABLE pool_catalog;
+ALTER TABLE new_catalog RENAME TO pool_catalog;
+CREATE INDEX pool_catalog_pool ON pool_catalog (pool_uuid, snapshot_id);
 )";
 
 bool failed(const char* what) {
@@ -41,7 +49,7 @@ bool failed(const char* what) {
 
 Connection_var connect() {
   static std::once_flag declared;
-  std::call_once(declared, [] { Legacy_Manager::instance()->register_database(NAME, SCHEMA, 2); });
+  std::call_once(declared, [] { Legacy_Manager::instance()->register_database(NAME, SCHEMA, 3); });
   return Legacy_Manager::instance()->get_connection_r(NAME);
 }
 

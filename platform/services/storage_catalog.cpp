@@ -15,27 +15,30 @@ using catalog_records::refused;
 
 namespace {
 
-bool exists(const char* table, const char* column, const std::string& value, bool& found) {
+using Keys = std::vector<std::pair<const char*, std::string>>;
+using Columns = std::vector<std::pair<const char*, Binding_Value>>;
+
+bool exists(const char* table, const Keys& keys, bool& found) {
   Select_SQL statement(table);
-  statement.and_filter()->add_kv_eq_item(column, value);
+  for (const auto& [column, value] : keys)
+    statement.and_filter()->add_kv_eq_item(column, value);
   json_spirit::Array rows;
   if (!daemon_database::rows(statement, rows, "look up a record")) return false;
   found = !rows.empty();
   return true;
 }
 
-using Columns = std::vector<std::pair<const char*, Binding_Value>>;
-
-// Changes the row whose `key` has the value, or adds it. One statement, so that a crash leaves the old row or
-// the new.
-bool put_row(const char* table, const char* key, const std::string& value, const Columns& columns,
-             const char* what) {
+// Changes the row that has these keys, or adds it. One statement, so that a crash leaves the old row or the
+// new.
+bool put_row(const char* table, const Keys& keys, const Columns& columns, const char* what) {
   bool found = false;
-  if (!exists(table, key, value, found)) return false;
+  if (!exists(table, keys, found)) return false;
   Insert_SQL insert(table);
-  insert.value(key, value);
   Update_SQL update(table);
-  update.and_filter()->add_kv_eq_item(key, value);
+  for (const auto& [name, value] : keys) {
+    insert.value(name, value);
+    update.and_filter()->add_kv_eq_item(name, value);
+  }
   for (const auto& [name, content] : columns) {
     insert.value(name, content);
     update.set(name, content);
@@ -79,14 +82,14 @@ bool Storage_Catalog_Manager::add_pool(const json_spirit::Object& record, std::s
   if (is_local(pool.uuid)) return refused(why, "pool '" + pool.uuid + "' is a pool of this host");
   const Columns columns = {
       {"name", pool.name}, {"url", pool.url}, {"extended_attrs", JSON_Dump(pool.extended_attrs)}};
-  return put_row("peer_pool", "uuid", pool.uuid, columns, "store a peer's pool") ||
+  return put_row("peer_pool", {{"uuid", pool.uuid}}, columns, "store a peer's pool") ||
          refused(why, "the record cannot be stored");
 }
 
 bool Storage_Catalog_Manager::remove_pool(const std::string& pool_uuid, std::string& why) {
   bool known = false, used = false;
-  if (!exists("peer_pool", "uuid", pool_uuid, known) ||
-      !exists("pool_replicate", "target_uuid", pool_uuid, used))
+  if (!exists("peer_pool", {{"uuid", pool_uuid}}, known) ||
+      !exists("pool_replicate", {{"target_uuid", pool_uuid}}, used))
     return refused(why, "the records cannot be read");
   if (!known) return refused(why, "there is no peer's pool '" + pool_uuid + "'");
   if (used) return refused(why, "a pool replicates to '" + pool_uuid + "'");
@@ -137,7 +140,7 @@ bool Storage_Catalog_Manager::set_replicate(const std::string& pool_uuid, const 
   if (!catalog_records::read_address(target, address, why)) return false;
   if (!catalog_records::check_replicate_attrs(extended_attrs, why)) return false;
   const Columns columns = {{"target_uuid", target_uuid}, {"extended_attrs", JSON_Dump(extended_attrs)}};
-  return put_row("pool_replicate", "pool_uuid", pool_uuid, columns, "store a replication setting") ||
+  return put_row("pool_replicate", {{"pool_uuid", pool_uuid}}, columns, "store a replication setting") ||
          refused(why, "the setting cannot be stored");
 }
 
@@ -167,17 +170,18 @@ bool Storage_Catalog_Manager::add_catalog(const std::string& pool_uuid, const js
   json_spirit::Object pool;
   if (!catalog_records::read_catalog(record, catalog, why)) return false;
   if (!find_pool(pool_uuid, pool)) return refused(why, "there is no pool '" + pool_uuid + "'");
-  const Columns columns = {{"pool_uuid", pool_uuid},
-                           {"snapshot_id", catalog.snapshot_id},
+  const Columns columns = {{"snapshot_id", catalog.snapshot_id},
                            {"extended_attrs", JSON_Dump(catalog.extended_attrs)},
                            {"ctime", static_cast<long>(std::time(nullptr))}};
-  return put_row("pool_catalog", "uuid", catalog.uuid, columns, "store a backup catalog") ||
+  // The same catalog may be of a pool and of the one that it replicates to.
+  const Keys keys = {{"uuid", catalog.uuid}, {"pool_uuid", pool_uuid}};
+  return put_row("pool_catalog", keys, columns, "store a backup catalog") ||
          refused(why, "the catalog cannot be stored");
 }
 
 bool Storage_Catalog_Manager::remove_catalog(const std::string& catalog_uuid, std::string& why) {
   bool known = false;
-  if (!exists("pool_catalog", "uuid", catalog_uuid, known))
+  if (!exists("pool_catalog", {{"uuid", catalog_uuid}}, known))
     return refused(why, "the catalogs cannot be read");
   if (!known) return refused(why, "there is no catalog '" + catalog_uuid + "'");
   Delete_SQL statement("pool_catalog");

@@ -49,9 +49,11 @@ ACE_Process_Ex* Receiver_Process_Manager::get(const std::string& pool_id, const 
   std::string key;
   if (!generate_key(pool_id, dataset, snapshot_id, key))
     return no_process(LOG_FAILURE("Failed to get receive process: generate key error\n"));
-  std::lock_guard<std::recursive_mutex> guard(mutex_);
-  const auto entry = process_.find(key);
-  if (entry != process_.end() && entry->second.process->running()) return entry->second.process.get();
+  {
+    std::lock_guard<std::recursive_mutex> guard(mutex_);
+    const auto entry = process_.find(key);
+    if (entry != process_.end() && entry->second.process->running()) return entry->second.process.get();
+  }
   return spawn(pool_id, dataset, snapshot_id, force);
 }
 
@@ -59,14 +61,16 @@ Receiver_Process_Manager::Process_var Receiver_Process_Manager::share(const std:
                                                                       const Dataset_Manager& dataset,
                                                                       const std::string& snapshot_id,
                                                                       bool force) {
-  std::lock_guard<std::recursive_mutex> guard(mutex_);
   std::string key;
   if (get(pool_id, dataset, snapshot_id, force) == nullptr ||
       !generate_key(pool_id, dataset, snapshot_id, key))
     return Process_var();
-  return process_[key].process;
+  std::lock_guard<std::recursive_mutex> guard(mutex_);
+  const auto entry = process_.find(key);
+  return entry == process_.end() ? Process_var() : entry->second.process;
 }
 
+// Without the lock: tools of a pool that is slow must not hold up transfers into others.
 ACE_Process_Ex* Receiver_Process_Manager::spawn(const std::string& pool_id, const Dataset_Manager& dataset,
                                                 const std::string& snapshot_id, bool force) {
   std::string fs_type, global_dev;
@@ -100,7 +104,9 @@ ACE_Process_Ex* Receiver_Process_Manager::spawn(const std::string& pool_id, cons
   std::string key;
   if (!generate_key(pool_id, dataset, snapshot_id, key))
     return no_process(LOG_FAILURE("Failed to spawn scsi pool receive process: generate key error.\n"));
+  std::lock_guard<std::recursive_mutex> guard(mutex_);
   entry_type& entry = process_[key];
+  if (!entry.process.null() && entry.process->running()) return entry.process.get();
   entry.process = process;
   entry.size = 0;
   return entry.process.get();

@@ -135,6 +135,8 @@ bool Replicate_Job_Manager::select_dataset(const Dataset_Manager& dataset, const
                   dataset.dataset().c_str(), error.what());
       continue;
     }
+    // One that is exported several times is listed as often.
+    if (std::find(ids.begin(), ids.end(), id) != ids.end()) continue;
     if (count++ > retention && recycle) continue;
     ids.insert(ids.begin(), id);
     if (!dataset.add_snapshot_standby(id))

@@ -66,11 +66,14 @@ Snapshot_var SCSI_Pool_Backstore_Manager::filesystem_snapshot(const std::string&
 }
 
 template <typename Dataset>
-Snapshot_Sizes SCSI_Pool_Backstore_Manager::measure(const Dataset* parent, const std::string& name,
-                                                    const std::set<std::string>& names,
-                                                    const char* what) const {
-  Snapshot_Sizes all, sizes;
-  const bool together = parent != nullptr && names.size() > 1 && parent->get_snapshot_sizes(all);
+bool SCSI_Pool_Backstore_Manager::measure(const Dataset* parent, const std::string& name,
+                                          const std::set<std::string>& names, const char* what,
+                                          Snapshot_Sizes& sizes) const {
+  Snapshot_Sizes all;
+  const bool several = parent != nullptr && names.size() > 1;
+  const Sizes_Read read = several ? parent->get_snapshot_sizes(all) : Sizes_Read::NO_TOOL;
+  if (read == Sizes_Read::NO_ANSWER) return false;
+  const bool together = read == Sizes_Read::TOLD;
   for (const std::string& one : names) {
     if (!usable({&one})) continue;
     if (together && all.count(one) != 0) {
@@ -88,13 +91,15 @@ Snapshot_Sizes SCSI_Pool_Backstore_Manager::measure(const Dataset* parent, const
                   one.c_str(), pool_id_.c_str());
     }
   }
-  return sizes;
+  return true;
 }
 
-template Snapshot_Sizes SCSI_Pool_Backstore_Manager::measure(const Sub_Volume*, const std::string&,
-                                                             const std::set<std::string>&, const char*) const;
-template Snapshot_Sizes SCSI_Pool_Backstore_Manager::measure(const Sub_Filesystem*, const std::string&,
-                                                             const std::set<std::string>&, const char*) const;
+template bool SCSI_Pool_Backstore_Manager::measure(const Sub_Volume*, const std::string&,
+                                                   const std::set<std::string>&, const char*,
+                                                   Snapshot_Sizes&) const;
+template bool SCSI_Pool_Backstore_Manager::measure(const Sub_Filesystem*, const std::string&,
+                                                   const std::set<std::string>&, const char*,
+                                                   Snapshot_Sizes&) const;
 
 bool SCSI_Pool_Backstore_Manager::load_config() {
   const std::string file = platform::Path_Conf(CONFIG_FOLDER, CONFIG_FOLDER_MODE).path(CONFIG_FILE);

@@ -80,8 +80,9 @@ class SCSIPOOL_Export SCSI_Pool_Backstore_Manager {
   bool get_snapshot_size(const std::string& volume, const std::string& name, ACE_UINT64& excl,
                          ACE_UINT64& rfer);
   // The same for several snapshots of a volume, measured together where the driver can do that. Those that
-  // cannot be measured are left out, each with a message.
-  Snapshot_Sizes get_snapshot_sizes(const std::string& volume, const std::set<std::string>& names);
+  // cannot be measured are left out, each with a message. False when the storage does not answer at all.
+  bool get_snapshot_sizes(const std::string& volume, const std::set<std::string>& names,
+                          Snapshot_Sizes& sizes);
   bool snapshot_exist(const std::string& volume, const std::string& name);
   // As Snapshot::received_uuid.
   bool get_received_uuid(const std::string& volume, const std::string& name, std::string& uuid);
@@ -117,8 +118,8 @@ class SCSIPOOL_Export SCSI_Pool_Backstore_Manager {
                                     ACE_UINT64& size);
   bool get_filesystem_snapshot_size(const std::string& name, const std::string& snapshot_id, ACE_UINT64& excl,
                                     ACE_UINT64& rfer);
-  Snapshot_Sizes get_filesystem_snapshot_sizes(const std::string& name,
-                                               const std::set<std::string>& snapshot_ids);
+  bool get_filesystem_snapshot_sizes(const std::string& name, const std::set<std::string>& snapshot_ids,
+                                     Snapshot_Sizes& sizes);
   bool send_filesystem_snapshot(const std::string& filesystem_name, const std::string& snapshot_id,
                                 const std::vector<std::string>& increments, ACE_Process_Ex* proc);
   bool receive_filesystem_snapshot(const std::string& filesystem_name, const std::string& snapshot_id,
@@ -156,8 +157,8 @@ class SCSIPOOL_Export SCSI_Pool_Backstore_Manager {
   Snapshot_var filesystem_snapshot(const std::string& filesystem_name, const std::string& name) const;
   // `what` is the message for one that cannot be opened.
   template <typename Dataset>
-  Snapshot_Sizes measure(const Dataset* parent, const std::string& name, const std::set<std::string>& names,
-                         const char* what) const;
+  bool measure(const Dataset* parent, const std::string& name, const std::set<std::string>& names,
+               const char* what, Snapshot_Sizes& sizes) const;
 };
 
 using SCSI_Pool_Backstore_Manager_var = std::unique_ptr<SCSI_Pool_Backstore_Manager>;

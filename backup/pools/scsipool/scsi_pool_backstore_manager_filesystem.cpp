@@ -188,11 +188,12 @@ bool SCSI_Pool_Backstore_Manager::get_filesystem_snapshot_size(const std::string
                      snapshot_id.c_str(), pool_id_.c_str());
 }
 
-Snapshot_Sizes SCSI_Pool_Backstore_Manager::get_filesystem_snapshot_sizes(
-    const std::string& name, const std::set<std::string>& snapshot_ids) {
-  if (!ready({&name})) return {};
-  return measure(sub_filesystem(name).get(), name, snapshot_ids,
-                 "Failed to get filesystem snasphot size: get snapshot manager object error\n");
+bool SCSI_Pool_Backstore_Manager::get_filesystem_snapshot_sizes(const std::string& name,
+                                                                const std::set<std::string>& snapshot_ids,
+                                                                Snapshot_Sizes& sizes) {
+  return ready({&name}) &&
+         measure(sub_filesystem(name).get(), name, snapshot_ids,
+                 "Failed to get filesystem snasphot size: get snapshot manager object error\n", sizes);
 }
 
 bool SCSI_Pool_Backstore_Manager::send_filesystem_snapshot(const std::string& filesystem_name,

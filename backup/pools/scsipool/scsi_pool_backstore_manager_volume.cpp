@@ -171,11 +171,12 @@ bool SCSI_Pool_Backstore_Manager::get_snapshot_size(const std::string& volume_na
                      volume_name.c_str(), name.c_str(), pool_id_.c_str());
 }
 
-Snapshot_Sizes SCSI_Pool_Backstore_Manager::get_snapshot_sizes(const std::string& volume_name,
-                                                               const std::set<std::string>& names) {
-  if (!ready({&volume_name})) return {};
-  return measure(volume(volume_name).get(), volume_name, names,
-                 "Failed to get snasphot size: get snapshot manager object error\n");
+bool SCSI_Pool_Backstore_Manager::get_snapshot_sizes(const std::string& volume_name,
+                                                     const std::set<std::string>& names,
+                                                     Snapshot_Sizes& sizes) {
+  return ready({&volume_name}) &&
+         measure(volume(volume_name).get(), volume_name, names,
+                 "Failed to get snasphot size: get snapshot manager object error\n", sizes);
 }
 
 bool SCSI_Pool_Backstore_Manager::snapshot_exist(const std::string& volume_name, const std::string& name) {

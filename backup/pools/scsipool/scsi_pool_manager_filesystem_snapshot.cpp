@@ -94,7 +94,8 @@ bool SCSI_Pool_Manager::list_filesystem_snapshot_records(const std::string& pool
       const auto name = json_spirit::object_get<std::string>(row, "name");
       const auto snapshot = json_spirit::object_get<std::string>(row, "snapshot_uuid");
       if (filesystem != nullptr && name != *filesystem) continue;
-      if (sizes.count(name) == 0) sizes[name] = backstore->get_filesystem_snapshot_sizes(name, names[name]);
+      if (sizes.count(name) == 0 && !backstore->get_filesystem_snapshot_sizes(name, names[name], sizes[name]))
+        return LOG_FAILURE("Failed to list snapshots: the storage of '%s' does not answer\n", name.c_str());
       const auto size = sizes[name].find(snapshot);
       if (size == sizes[name].end()) continue;
       json_spirit::Object record;
@@ -146,8 +147,11 @@ bool SCSI_Pool_Manager::delete_filesystem_snapshot(const std::string& pool_id, c
   // When the daemon is killed in between, it drops the record at its next start.
   const Unsettled_Snapshot unsettled{pool_id, false, name, snapshot_id};
   note_unsettled(unsettled);
-  if (!backstore->destroy_filesystem_snapshot(name, snapshot_id))
-    return LOG_FAILURE("Failed to delete snapshot: delete snapshot '%s' error\n", snapshot_id.c_str());
+  if (!backstore->destroy_filesystem_snapshot(name, snapshot_id)) {
+    LOG_FAILURE("Failed to delete snapshot: delete snapshot '%s' error\n", snapshot_id.c_str());
+    if (backstore->filesystem_snapshot_exist(name, snapshot_id)) forget_unsettled(unsettled);
+    return false;
+  }
   FAULT_POINT("delete_snapshot.destroyed");
   if (!sqlite_impl_->del_filesystem_snapshot(pool_id, snapshot_id))
     return LOG_FAILURE("Failed to delete snapshot:delete snapshot '%s' info error\n", snapshot_id.c_str());

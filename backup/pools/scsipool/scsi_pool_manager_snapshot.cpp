@@ -134,7 +134,8 @@ bool SCSI_Pool_Manager::list_snapshot_records(const std::string& pool_id, json_s
       const json_spirit::Object& row = value.get_ref<const json_spirit::Object&>();
       const auto lun = json_spirit::object_get<std::string>(row, "lun_uuid");
       if (lun_id != nullptr && lun != *lun_id) continue;
-      if (sizes.count(lun) == 0) sizes[lun] = backstore->get_snapshot_sizes(lun, names[lun]);
+      if (sizes.count(lun) == 0 && !backstore->get_snapshot_sizes(lun, names[lun], sizes[lun]))
+        return LOG_FAILURE("Failed to list snapshots: the storage of '%s' does not answer\n", lun.c_str());
       append_snapshot_record(sizes[lun], pool_id, row, snapshot_list);
     }
   } catch (const std::exception& error) {
@@ -215,8 +216,11 @@ bool SCSI_Pool_Manager::delete_snapshot(const std::string& pool_id, const std::s
   // When the daemon is killed in between, it drops the record at its next start.
   const Unsettled_Snapshot unsettled{pool_id, true, lun, snapshot_id};
   note_unsettled(unsettled);
-  if (!backstore->destroy_snapshot(lun, snapshot_id))
-    return LOG_FAILURE("Failed to delete snapshot: delete snapshot '%s' error\n", snapshot_id.c_str());
+  if (!backstore->destroy_snapshot(lun, snapshot_id)) {
+    LOG_FAILURE("Failed to delete snapshot: delete snapshot '%s' error\n", snapshot_id.c_str());
+    if (backstore->snapshot_exist(lun, snapshot_id)) forget_unsettled(unsettled);
+    return false;
+  }
   FAULT_POINT("delete_snapshot.destroyed");
   if (!sqlite_impl_->del_snapshot(pool_id, snapshot_id))
     return LOG_FAILURE("Failed to delete snapshot:delete snapshot '%s' info error\n", snapshot_id.c_str());

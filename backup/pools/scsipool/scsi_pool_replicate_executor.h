@@ -68,8 +68,10 @@ class SCSI_Pool_Replicate_Executor {
   // Sending (scsi_pool_replicate_executor_send.cpp). On failure `error` is the text that ends the job.
   void init_stream_options();
   bool replicate_dataset(const dataset_info& ds, std::string& error);
-  bool send_normal(const dataset_info& ds, const std::vector<snapshot_info>& on_target,
-                   std::string& last_sent, std::string& error);
+  bool send_normal(const dataset_info& ds, std::vector<snapshot_info> on_target, std::string& last_sent,
+                   std::string& error);
+  bool read_again(const dataset_info& ds, ACE_UINT64 sent, std::vector<snapshot_info>& on_target,
+                  std::string& error);
   bool send_newest(const dataset_info& ds, const std::vector<snapshot_info>& on_target,
                    std::string& last_sent, std::string& error);
   bool send_snapshot(const dataset_info& ds, const snapshot_info& snapshot,
@@ -77,6 +79,7 @@ class SCSI_Pool_Replicate_Executor {
   bool remove_target_snapshots(const dataset_info& ds, const std::vector<snapshot_info>& on_target,
                                std::string& error);
   bool generate_receive_uri(URI& uri, const dataset_info& ds) const;
+  static bool holds(const std::vector<snapshot_info>& list, const std::string& id);
   void store_progress(int percent);
 
   // The peer's pool (scsi_pool_replicate_executor_target.cpp).

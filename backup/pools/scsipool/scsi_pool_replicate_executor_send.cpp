@@ -17,10 +17,6 @@ namespace {
 
 using snapshot_info = SCSI_Pool_Replicate_Executor::snapshot_info;
 
-bool holds(const std::vector<snapshot_info>& list, const std::string& id) {
-  return std::any_of(list.begin(), list.end(), [&](const snapshot_info& one) { return one.id == id; });
-}
-
 ACE_UINT64 lowest_seq(const std::vector<snapshot_info>& list) {
   ACE_UINT64 lowest = 0;
   for (const snapshot_info& one : list)
@@ -29,6 +25,10 @@ ACE_UINT64 lowest_seq(const std::vector<snapshot_info>& list) {
 }
 
 }  // namespace
+
+bool SCSI_Pool_Replicate_Executor::holds(const std::vector<snapshot_info>& list, const std::string& id) {
+  return std::any_of(list.begin(), list.end(), [&](const snapshot_info& one) { return one.id == id; });
+}
 
 void SCSI_Pool_Replicate_Executor::init_stream_options() {
   stream_options_.overwrite = true;
@@ -79,8 +79,7 @@ bool SCSI_Pool_Replicate_Executor::replicate_dataset(const dataset_info& ds, std
   return true;
 }
 
-bool SCSI_Pool_Replicate_Executor::send_normal(const dataset_info& ds,
-                                               const std::vector<snapshot_info>& on_target,
+bool SCSI_Pool_Replicate_Executor::send_normal(const dataset_info& ds, std::vector<snapshot_info> on_target,
                                                std::string& last_sent, std::string& error) {
   const Dataset_Manager source = source_dataset(ds);
   const ACE_UINT64 lowest = lowest_seq(on_target);
@@ -94,13 +93,29 @@ bool SCSI_Pool_Replicate_Executor::send_normal(const dataset_info& ds,
       continue;
     }
     source.update_snapshot_state(snapshot.id, SCSI_Pool_Manager::SENDING_STATE);
-    if (increments.empty() && !remove_target_snapshots(ds, on_target, error)) return false;
-    if (!send_snapshot(ds, snapshot, increments, error)) return false;
+    if (increments.empty()) {
+      if (!remove_target_snapshots(ds, on_target, error)) return false;
+      on_target.clear();
+    }
+    if (!send_snapshot(ds, snapshot, increments, error) || !read_again(ds, snapshot.seq, on_target, error))
+      return false;
     store_progress(++done_ * 100 / snapshots_amount_);
     increments.push_back(snapshot.id);
     replicated_snapshots_.insert(snapshot.id);
     last_sent = snapshot.id;
   }
+  return true;
+}
+
+// A stream on an older base may have replaced the target's newer snapshots, which are missing then.
+bool SCSI_Pool_Replicate_Executor::read_again(const dataset_info& ds, ACE_UINT64 sent,
+                                              std::vector<snapshot_info>& on_target, std::string& error) {
+  const auto newer = [sent](const snapshot_info& one) { return one.seq > sent; };
+  if (std::none_of(on_target.begin(), on_target.end(), newer)) return true;
+  error = "Failed to execute scsi pool replicate:get target pool datasets error\n";
+  target_datasets_.clear();
+  if (!get_target_datasets_and_snapshots()) return false;
+  on_target = target_datasets_[{ds.type, ds.name}].snapshots;
   return true;
 }
 
@@ -117,6 +132,8 @@ bool SCSI_Pool_Replicate_Executor::send_newest(const dataset_info& ds,
     increments.push_back(older->id);
     source.update_snapshot_state(older->id, SCSI_Pool_Manager::DEPEND_STATE);
   }
+  // One that was deleted meanwhile must not cost the target what it has.
+  if (!source.snapshot_exist(newest.id)) return true;
   if (increments.empty() && !remove_target_snapshots(ds, on_target, error)) return false;
   source.update_snapshot_state(newest.id, SCSI_Pool_Manager::SENDING_STATE);
   if (!send_snapshot(ds, newest, increments, error)) return false;

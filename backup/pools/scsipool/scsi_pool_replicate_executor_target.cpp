@@ -103,7 +103,9 @@ bool SCSI_Pool_Replicate_Executor::get_target_datasets_and_snapshots_i(const cha
       info.recycle = json_spirit::object_get<bool>(record, "recycle");
       info.seq = json_spirit::object_get<ACE_UINT64>(record, "seq");
       const auto ds = target_datasets_.find({type, parent});
-      if (ds != target_datasets_.end()) ds->second.snapshots.push_back(info);
+      // One that is exported several times is listed as often.
+      if (ds != target_datasets_.end() && !holds(ds->second.snapshots, info.id))
+        ds->second.snapshots.push_back(info);
     }
   } catch (const std::exception& error) {
     return LOG_FAILURE("Failed to get %s snapshot from target pool %s, %s.\n", name_of_type,

@@ -1,8 +1,10 @@
 #include "backup/pools/scsipool/scsi_pool_sender.h"
 
 #include <ace/OS_NS_unistd.h>
+#include <poll.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 
 #include "backup/pools/scsipool/replicate_stop.h"
@@ -72,10 +74,26 @@ bool SCSI_Pool_Sender::spawn(SCSI_Pool_Backstore_Manager& backstore, const std::
   return true;
 }
 
+// Waits until there is output, its end included. A tool on a pool that hangs says nothing at all: the peer
+// gives up on such a stream after the same time.
+bool SCSI_Pool_Sender::wait_for_output() {
+  constexpr std::chrono::seconds LONGEST_SILENCE{300};
+  constexpr int SLICE = 250;  // milliseconds
+  const auto end = std::chrono::steady_clock::now() + LONGEST_SILENCE;
+  for (;;) {
+    if (replication_stopping()) return LOG_FAILURE("Failed to send snapshot: the service is stopping\n");
+    pollfd entry{proc_.stdout_handle(), POLLIN, 0};
+    if (::poll(&entry, 1, SLICE) > 0) return true;
+    if (std::chrono::steady_clock::now() >= end)
+      return LOG_FAILURE("Failed to send snapshot: the send process has said nothing for %d seconds\n",
+                         static_cast<int>(LONGEST_SILENCE.count()));
+  }
+}
+
 bool SCSI_Pool_Sender::copy(Client_IO& io) {
   char buffer[8192];
   for (;;) {
-    if (replication_stopping()) return LOG_FAILURE("Failed to send snapshot: the service is stopping\n");
+    if (!wait_for_output()) return false;
     const ssize_t count = ACE_OS::read(proc_.stdout_handle(), buffer, sizeof buffer);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return LOG_FAILURE("Failed to send snapshot: read subvolume data error\n");

@@ -34,6 +34,7 @@ class SCSI_Pool_Sender {
   bool get_snapshot_info(const std::string& name, ACE_UINT16& seq, bool& recycle);
   bool spawn(SCSI_Pool_Backstore_Manager& backstore, const std::string& name,
              const std::vector<std::string>& increments);
+  bool wait_for_output();
   bool copy(Client_IO& io);
   void log_end_of_tool();
 

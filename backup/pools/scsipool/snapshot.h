@@ -43,4 +43,8 @@ struct Snapshot_Size {
 };
 using Snapshot_Sizes = std::map<std::string, Snapshot_Size>;  // by the snapshot's name
 
+// How a driver measured all snapshots of a dataset at once: it has no tool for that, the tool ran (and told
+// what it could), or the tool did not answer, so that nothing is known of any.
+enum class Sizes_Read { NO_TOOL, TOLD, NO_ANSWER };
+
 }  // namespace scsi_pool

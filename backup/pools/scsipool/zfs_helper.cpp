@@ -97,15 +97,18 @@ Snapshot* zfs_get_snapshot(const std::string& zpool, const std::string& name, co
   return object;
 }
 
-bool zfs_add_snapshot_sizes(const std::string& zpool, const std::string& name, Snapshot_Sizes& sizes) {
-  if (!zfs_names_ok(zpool, {name.c_str()})) return false;
+Sizes_Read zfs_add_snapshot_sizes(const std::string& zpool, const std::string& name, Snapshot_Sizes& sizes) {
+  if (!zfs_names_ok(zpool, {name.c_str()})) return Sizes_Read::TOLD;
   const std::string dataset = zpool + "/" + name;
   const std::vector<std::string> argv = {
       "zfs", "list", "-Hp", "-d", "1", "-t", "snapshot", "-o", "name,used,referenced", dataset};
   zfs::Tool_Result result;
   if (!zfs::run_tool(argv, zfs::READ_LIMIT, result)) {
-    return LOG_FAILURE("Failed to list the snapshots of ZFS '%s': %s\n", dataset.c_str(),
-                       zfs::failure_words(argv, result).c_str());
+    LOG_FAILURE("Failed to list the snapshots of ZFS '%s': %s\n", dataset.c_str(),
+                zfs::failure_words(argv, result).c_str());
+    // Only a dataset that is gone surely has none.
+    const bool gone = result.errors.find("does not exist") != std::string::npos;
+    return gone ? Sizes_Read::TOLD : Sizes_Read::NO_ANSWER;
   }
   for (const std::string& line : result.lines) {
     std::vector<std::string> columns;
@@ -113,11 +116,12 @@ bool zfs_add_snapshot_sizes(const std::string& zpool, const std::string& name, S
     Snapshot_Size size;
     if (columns.size() != 3 || columns[0].compare(0, dataset.size() + 1, dataset + "@") != 0 ||
         !zfs::parse_unsigned(columns[1], size.excl) || !zfs::parse_unsigned(columns[2], size.rfer)) {
-      return LOG_FAILURE("Failed to list the snapshots of ZFS '%s': '%s'\n", dataset.c_str(), line.c_str());
+      LOG_FAILURE("Failed to list the snapshots of ZFS '%s': '%s'\n", dataset.c_str(), line.c_str());
+      continue;
     }
     sizes[columns[0].substr(dataset.size() + 1)] = size;
   }
-  return true;
+  return Sizes_Read::TOLD;
 }
 
 Snapshot* zfs_new_snapshot(const std::string& zpool, const std::string& name, const char* snapshot) {

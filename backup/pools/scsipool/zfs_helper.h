@@ -32,7 +32,7 @@ bool zfs_snapshot_exist(const std::string& zpool, const std::string& name, const
 // Null when there is none, which is logged.
 Snapshot* zfs_get_snapshot(const std::string& zpool, const std::string& name, const char* snapshot);
 // Adds the sizes of all snapshots of <zpool>/<name>, with one run of the tool.
-bool zfs_add_snapshot_sizes(const std::string& zpool, const std::string& name, Snapshot_Sizes& sizes);
+Sizes_Read zfs_add_snapshot_sizes(const std::string& zpool, const std::string& name, Snapshot_Sizes& sizes);
 // A new snapshot object, or null with ENOMEM.
 Snapshot* zfs_new_snapshot(const std::string& zpool, const std::string& name, const char* snapshot);
 

@@ -103,6 +103,18 @@ TEST_F(Executor, MakesTheMissingDatasetAndBuildsOneStreamOnTheOther) {
   EXPECT_EQ(peer_.count("DELETE /svc/r/scsipool/lun/export"), 0u);
 }
 
+// As zfs receive does, which replaces the newer ones when a stream is on an older base.
+TEST_F(Executor, SendsAgainWhatAStreamOnAnOlderBaseHasReplaced) {
+  add_snapshots(A, 1, 3);
+  peer_.luns = {A};
+  peer_.snapshots = {{A, id(1), 1}, {A, id(3), 3}, {A, id(3), 3}};
+  peer_.on_stream = [&] {
+    if (peer_.received.empty()) peer_.snapshots = {{A, id(1), 1}, {A, id(2), 2}};
+  };
+  EXPECT_EQ(run(lun(A)), "");
+  EXPECT_EQ(streams(), "2<1 3<1,2");
+}
+
 TEST_F(Executor, RemovesWhatIsInTheWayOfAFullStreamFirst) {
   add_snapshots(A, 5, 6);
   peer_.luns = {A};
@@ -124,6 +136,18 @@ TEST_F(Executor, SendsOnlyTheNewestOfANewestOnlyLun) {
   EXPECT_EQ(run(lun(B)), "");
   EXPECT_EQ(streams(), "3<1");
   EXPECT_EQ(events_, "1 4:0 4:66 6");
+}
+
+TEST_F(Executor, ANewestThatIsGoneCostsTheTargetNothing) {
+  add_lun(B, "newest");
+  add_snapshots(B, 1, 1);
+  add_snapshots(A, 2, 2);
+  peer_.luns = {A, B};
+  peer_.snapshots = {{B, id(9), 9}};
+  peer_.on_stream = [&] { EXPECT_TRUE(rows().del_snapshot(POOL, id(1))); };
+  EXPECT_EQ(run({lun(A)[0], lun(B)[0]}), "");
+  EXPECT_EQ(streams(), "2");
+  EXPECT_EQ(peer_.count("DELETE /svc/r/scsipool/snapshot"), 0u) << peer_.dump();
 }
 
 TEST_F(Executor, TriesAgainUpToItsRetryCount) {

@@ -89,12 +89,13 @@ TEST_F(StorageCatalog, ReplicationSettings) {
        {R"({"x":1})", R"({"max_seconds_retry":-1})", R"({"max_seconds_retry":65536})",
         R"({"rate_limiting":{}})", R"({"rate_limiting":[1]})",
         R"({"rate_limiting":[{"max_bytes_per_second":1,"start_time":"08:00"}]})",
-        R"({"rate_limiting":[{"max_bytes_per_second":1,"start_time":"8","end_time":"never"}]})",
+        R"({"rate_limiting":[{"max_bytes_per_second":9999,"start_time":"8","end_time":"never"}]})",
+        R"({"rate_limiting":[{"max_bytes_per_second":1023,"start_time":"08:00","end_time":"09:00"}]})",
         R"({"rate_limiting":[{"max_bytes_per_second":"1","start_time":"08:00","end_time":"09:00"}]})"}) {
     EXPECT_FALSE(catalog().set_replicate(LOCAL, PEER, Value::parse(bad).get<Object>(), why_)) << bad;
   }
   const Object attrs = Value::parse(R"({"max_seconds_retry":60,"rate_limiting":[
-      {"max_bytes_per_second":1,"start_time":"22:00","end_time":"24:00"}]})")
+      {"max_bytes_per_second":1024,"start_time":"22:00","end_time":"24:00"}]})")
                            .get<Object>();
   ASSERT_TRUE(catalog().set_replicate(LOCAL, PEER, {}, why_)) << why_;
   ASSERT_TRUE(catalog().set_replicate(LOCAL, PEER, attrs, why_)) << why_;
@@ -134,6 +135,18 @@ TEST_F(StorageCatalog, RecyclingRemovesTheCatalogsOfASnapshot) {
   EXPECT_FALSE(
       catalog().add_catalog(PEER, {{"uuid", CATALOG}, {"extended_attrs", {{"snapshot_id", "s"}}}}, why_));
   EXPECT_FALSE(catalog().add_catalog(LOCAL, {{"uuid", CATALOG}}, why_));
+}
+
+TEST_F(StorageCatalog, ACatalogMayBeOfTwoPoolsAndNamesItsSnapshotAsThePoolDoes) {
+  const std::string snapshot = "AAAAAAAA-1111-4222-8333-44444444ABCD";
+  ASSERT_TRUE(add_catalog(CATALOG, snapshot) && catalog().add_pool(peer_record(), why_)) << why_;
+  ASSERT_TRUE(catalog().add_catalog(
+      PEER, {{"uuid", CATALOG}, {"extended_attrs", {{"snapshot_id", snapshot}}}}, why_));
+  for (const char* pool : {LOCAL, PEER}) {
+    Array catalogs;
+    ASSERT_TRUE(catalog().query_catalog(pool, catalogs) && catalogs.size() == 1u) << pool;
+    EXPECT_EQ(catalogs[0]["extended_attrs"]["snapshot_id"], "aaaaaaaa-1111-4222-8333-44444444abcd");
+  }
 }
 
 TEST_F(StorageCatalog, CopiesCatalogsToTheTarget) {

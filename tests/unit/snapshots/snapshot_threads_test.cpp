@@ -63,11 +63,12 @@ TEST_F(Snapshot_Threads, NumbersRiseAndCatalogAndStorageAgree) {
     retention(lun == A ? 60000 : 6);
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500 * seconds());
     run([&](int) {
+      const Log_Capture log;  // of this thread
       std::deque<std::string> own;
       ACE_UINT64 number = 0;
       while (std::chrono::steady_clock::now() < end) {
         std::string taken;
-        EXPECT_TRUE(manager_.create_snapshot(POOL, lun, taken, true)) << log_.dump();
+        EXPECT_TRUE(manager_.create_snapshot(POOL, lun, taken, true)) << log.dump();
         ++made;
         own.push_back(taken);
         Object row;

@@ -160,15 +160,17 @@ TEST_F(Zfs_Snapshots, Sizes_Of_All_At_Once) {
   tools_.expect(command).output("pa/v1@s1\t-\t12288\n");
   const ZFS_Sub_Volume volume("pa", "v1");
   Snapshot_Sizes sizes;
-  EXPECT_TRUE(volume.get_snapshot_sizes(sizes));
+  EXPECT_EQ(volume.get_snapshot_sizes(sizes), Sizes_Read::TOLD);
   ASSERT_EQ(sizes.size(), 2u) << log_.dump();
   EXPECT_EQ(sizes["s1"].rfer, 12288u);
   EXPECT_EQ(sizes["s 2"].excl, 18446744073709551615u);
   for (const char* why : {"dataset does not exist", "'pa/v1@s1\t-\t12288'"}) {
     sizes.clear();
-    EXPECT_TRUE(volume.get_snapshot_sizes(sizes) && sizes.empty());
-    EXPECT_TRUE(log_.contains(LM_ERROR, why)) << log_.dump();
+    EXPECT_EQ(volume.get_snapshot_sizes(sizes), Sizes_Read::TOLD);
+    EXPECT_TRUE(sizes.empty() && log_.contains(LM_ERROR, why)) << log_.dump();
   }
+  tools_.expect(command).status(1).errors(recorded("module-not-loaded.err.txt"));
+  EXPECT_EQ(volume.get_snapshot_sizes(sizes), Sizes_Read::NO_ANSWER) << log_.dump();
 }
 
 TEST_F(Zfs_Sub_Filesystem, Mounts_Without_The_Daemons_Library_Path) {
