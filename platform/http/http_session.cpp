@@ -100,6 +100,11 @@ bool Session::answered_early(HTTP_Response& response) {
 
 bool Session::send(const HTTP_Request& request, HTTP_Response& response, HTTP_Failure& failure) {
   failure = HTTP_Failure();
+  if (http_transport::clients_interrupted()) {
+    failure.stage = HTTP_Failure::CONNECT;
+    failure.text = "interrupted: the process is being stopped";
+    return false;
+  }
   // Whatever can be read before anything was asked is the end of the connection, or of its use.
   const bool stale = transport_ != nullptr && (Clock::now() - last_used_ > KEEP || transport_->readable(0));
   if (stale) disconnect();

@@ -77,7 +77,9 @@ class Memory_Snapshot : public scsi_pool::Snapshot {
     if (!pool_.call("snapshot.destroy", name_)) return false;
     const std::lock_guard<std::recursive_mutex> guard(*pool_.lock);
     auto& all = parent_.snapshots;
-    all.erase(std::find(all.begin(), all.end(), name_));
+    const auto found = std::find(all.begin(), all.end(), name_);
+    if (found == all.end()) return false;  // somebody else was faster
+    all.erase(found);
     return true;
   }
   bool is_readonly(bool& readonly) const override { return readonly = true; }

@@ -154,7 +154,7 @@ TEST_F(Streams, NeverGoToAToolThatWasFedBefore) {
   ASSERT_TRUE(third.open(id(1), true));
   EXPECT_NE(process()->pid(), pid);
   EXPECT_NE(::kill(pid, 0), 0);
-  EXPECT_FALSE(second.receive("def", 3) || second.close());  // its tool was taken away
+  EXPECT_FALSE(second.receive("def", 3) && second.close());  // its tool was taken away
   EXPECT_TRUE(third.receive("ABCDEF", 6));
   EXPECT_TRUE(third.close()) << log_.dump();
   EXPECT_EQ(got(), "ABCDEF");
