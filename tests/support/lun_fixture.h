@@ -1,15 +1,14 @@
 #pragma once
-// One pool in memory with a target library in memory, and the catalog that both belong to.
+// One pool in memory, the target library over a fake tree, and the catalog that both belong to.
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 #include "backup/pools/scsipool/sub_volume_exporter.h"
 #include "backup/pools/scsipool/sub_volume_manager.h"
+#include "tests/support/fake_lio.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/memory_lio.h"
 #include "tests/support/memory_pool.h"
 #include "tests/support/temp_catalog.h"
 
@@ -29,7 +28,6 @@ class Lun_Fixture : public testing::Test {
   static constexpr ACE_UINT64 SIZE = 1 << 20;
 
   Lun_Fixture() {
-    LIO_Library::install(lio_);
     scsi_pool::SCSI_Pool_Manager::Pool_Option option;
     option.size = 1000000;
     option.fs_type = "zfs";
@@ -40,7 +38,6 @@ class Lun_Fixture : public testing::Test {
     std::string id = POOL;
     EXPECT_TRUE(manager_.create_pool(id, "pool", option)) << log_.dump();
   }
-  ~Lun_Fixture() override { LIO_Library::install(nullptr); }
 
   static LIO_ACLs acls(const std::string& initiator) { return {{initiator, "host"}}; }
   Memory_Pool& pool() { return pools_[POOL]; }
@@ -74,7 +71,7 @@ class Lun_Fixture : public testing::Test {
   }
   scsi_pool::SCSI_Pool_Sqlite_Manager& rows() { return catalog_.rows(); }
 
-  std::shared_ptr<Memory_LIO> lio_ = std::make_shared<Memory_LIO>();
+  Fake_Lio lio_;
   Memory_Pools pools_;
   Temp_Catalog catalog_;
   scsi_pool::SCSI_Pool_Manager& manager_ = catalog_.manager();

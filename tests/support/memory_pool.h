@@ -109,43 +109,54 @@ class Memory_Snapshot : public scsi_pool::Snapshot {
 };
 
 // What volumes and sub filesystems have in common.
-class Memory_Base {
+template <typename Interface>
+class Memory_Base : public Interface {
  public:
   Memory_Base(Memory_Pool& pool, Memory_Dataset& dataset, std::string name)
       : pool_(pool), dataset_(dataset), name_(std::move(name)) {}
 
- protected:
-  bool has(const char* snapshot) const {
+  bool get_info(scsi_pool::FS_Info_Item& info) const override {
+    info = dataset_.info;
+    return pool_.call("get_info", name_);
+  }
+  bool get_used_size(ACE_UINT64& size) const override {
+    size = dataset_.used;
+    return pool_.call("get_used_size", name_);
+  }
+  bool rollback(const char* snapshot) override { return pool_.call("rollback", name_ + "@" + snapshot); }
+  scsi_pool::Snapshot* create_snapshot(const char* name, const scsi_pool::FS_Info_Item&) override {
+    if (!pool_.call("create_snapshot", name_ + "@" + name)) return nullptr;
+    const std::lock_guard<std::recursive_mutex> guard(*pool_.lock);
+    dataset_.snapshots.push_back(name);
+    return new Memory_Snapshot(pool_, dataset_, name);
+  }
+  scsi_pool::Snapshot* get_snapshot(const char* name) const override {
+    return snapshot_exist(name) ? new Memory_Snapshot(pool_, dataset_, name) : nullptr;
+  }
+  bool snapshot_exist(const char* name) const override {
     const std::lock_guard<std::recursive_mutex> guard(*pool_.lock);
     const auto& all = dataset_.snapshots;
-    return std::find(all.begin(), all.end(), snapshot) != all.end();
+    return std::find(all.begin(), all.end(), name) != all.end();
   }
-  scsi_pool::Snapshot* open(const char* snapshot) const {
-    return has(snapshot) ? new Memory_Snapshot(pool_, dataset_, snapshot) : nullptr;
-  }
-  scsi_pool::Snapshot* make(const char* snapshot) {
-    if (!pool_.call("create_snapshot", name_ + "@" + snapshot)) return nullptr;
-    const std::lock_guard<std::recursive_mutex> guard(*pool_.lock);
-    dataset_.snapshots.push_back(snapshot);
-    return new Memory_Snapshot(pool_, dataset_, snapshot);
+  bool receive_snapshot(const char* name, bool, ACE_Process_Ex* process) override {
+    return pool_.call("receive", name_ + "@" + name) && start_tool(pool_.receive_command, process);
   }
 
+ protected:
   Memory_Pool& pool_;
   Memory_Dataset& dataset_;
   std::string name_;
 };
 
-class Memory_Volume : public scsi_pool::Sub_Volume, Memory_Base {
+class Memory_Volume : public Memory_Base<scsi_pool::Sub_Volume> {
  public:
+  using Memory_Base::get_info;
   using Memory_Base::Memory_Base;
+
   bool destroy() override {
     if (!pool_.call("destroy", name_)) return false;
     pool_.volumes.erase(name_);
     return true;
-  }
-  bool get_info(scsi_pool::FS_Info_Item& info) const override {
-    info = dataset_.info;
-    return pool_.call("get_info", name_);
   }
   bool get_info(const char* name, std::string& val) const override {
     val = dataset_.attributes[name];
@@ -155,39 +166,20 @@ class Memory_Volume : public scsi_pool::Sub_Volume, Memory_Base {
     dataset_.attributes[key] = value;
     return pool_.call("set_info", name_ + "." + key + "=" + value);
   }
-  bool rollback(const char* snapshot) override { return pool_.call("rollback", name_ + "@" + snapshot); }
-  bool get_used_size(ACE_UINT64& size) const override {
-    size = dataset_.used;
-    return pool_.call("get_used_size", name_);
-  }
   bool get_dataset(std::string& path) const override {
     path = pool_.folder + "/" + name_ + "/lun_backstore";
     return pool_.call("get_dataset", name_);
   }
-  scsi_pool::Snapshot* create_snapshot(const char* name, const scsi_pool::FS_Info_Item&) override {
-    return make(name);
-  }
-  scsi_pool::Snapshot* get_snapshot(const char* name) const override { return open(name); }
-  bool snapshot_exist(const char* name) const override {
-    pool_.call("snapshot_exist", name);
-    return has(name);
-  }
-  bool receive_snapshot(const char* name, bool, ACE_Process_Ex* process) override {
-    return pool_.call("receive", name_ + "@" + name) && start_tool(pool_.receive_command, process);
-  }
 };
 
-class Memory_Sub_Filesystem : public scsi_pool::Sub_Filesystem, Memory_Base {
+class Memory_Sub_Filesystem : public Memory_Base<scsi_pool::Sub_Filesystem> {
  public:
   using Memory_Base::Memory_Base;
+
   bool destroy(bool force) override {
     if (!pool_.call("destroy", name_ + (force ? " force" : ""))) return false;
     pool_.filesystems.erase(name_);
     return true;
-  }
-  bool get_used_size(ACE_UINT64& size) const override {
-    size = dataset_.used;
-    return pool_.call("get_used_size", name_);
   }
   bool set_reservation(ACE_UINT64 size) const override {
     return pool_.call("set_reservation", name_ + " " + std::to_string(size));
@@ -207,19 +199,6 @@ class Memory_Sub_Filesystem : public scsi_pool::Sub_Filesystem, Memory_Base {
   }
   bool set_mount_point(const std::string& mount_point) override {
     return pool_.call("set_mount_point", name_ + " " + mount_point);
-  }
-  scsi_pool::Snapshot* create_snapshot(const char* name, const scsi_pool::FS_Info_Item&) override {
-    return make(name);
-  }
-  scsi_pool::Snapshot* get_snapshot(const char* name) const override { return open(name); }
-  bool snapshot_exist(const char* name) const override { return has(name); }
-  bool get_info(scsi_pool::FS_Info_Item& info) const override {
-    info = dataset_.info;
-    return pool_.call("get_info", name_);
-  }
-  bool rollback(const char* snapshot) override { return pool_.call("rollback", name_ + "@" + snapshot); }
-  bool receive_snapshot(const char* name, bool, ACE_Process_Ex* process) override {
-    return pool_.call("receive", name_ + "@" + name) && start_tool(pool_.receive_command, process);
   }
 };
 

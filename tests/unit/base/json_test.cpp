@@ -34,18 +34,6 @@ TEST(Json, accessors_take_exactly_the_type_asked_for) {
   EXPECT_TRUE(object_find(object, "s", text));
 }
 
-TEST(Json, object_get_names_the_key_and_what_was_found) {
-  const Object object = parse(R"({"count": "three"})");
-  for (const char* key : {"count", "missing"}) {
-    try {
-      json_spirit::object_get<unsigned>(object, key);
-      FAIL() << key;
-    } catch (const json_spirit::JSON_Error& error) {
-      EXPECT_NE(std::string(error.what()).find(key), std::string::npos) << error.what();
-    }
-  }
-}
-
 TEST(Json, files_and_text_that_are_no_json_are_refused) {
   const Temp_Dir dir;
   json_spirit::Value value = 5;

@@ -24,17 +24,6 @@ TEST(Natoi, stops_at_the_end_given_and_at_the_first_character_that_is_no_digit) 
   EXPECT_EQ(natoi("18446744073709551616", 20), std::numeric_limits<std::uint64_t>::max());
 }
 
-TEST(Uuid, fresh_ones_differ_and_are_of_version_4) {
-  std::string one;
-  std::string other;
-  ASSERT_TRUE(uuid_string(one, false));
-  ASSERT_TRUE(uuid_string(other, true));
-  EXPECT_NE(one, other);
-  EXPECT_TRUE(is_uuid(one) && is_uuid(other));
-  EXPECT_EQ(one[14], '4');
-  EXPECT_EQ(other.find_first_of("abcdef"), std::string::npos);
-}
-
 TEST(Uuid, binary_form_comes_back_as_the_lower_case_text) {
   std::string binary;
   ASSERT_TRUE(uuid_string_to_binary("00FF10ab-0102-4304-8506-0708090A0b0c", binary));
@@ -46,12 +35,6 @@ TEST(Uuid, binary_form_comes_back_as_the_lower_case_text) {
   for (const char* bad : {"", "00ff10ab-0102-4304-8506-0708090a0b0", "00ff10ab00102-4304-8506-0708090a0b0c",
                           "{0ff10ab-0102-4304-8506-0708090a0b0c", "00ff10ag-0102-4304-8506-0708090a0b0c"})
     EXPECT_FALSE(uuid_string_to_binary(bad, binary)) << bad;
-}
-
-TEST(Uuid, name_based_one_is_the_published_example) {
-  EXPECT_EQ(uuid_v5("6ba7b810-9dad-11d1-80b4-00c04fd430c8", "www.example.com"),
-            "2ed6657d-e927-568b-95e1-2665a8aea6a2");
-  EXPECT_EQ(uuid_v5("no", "x"), "");
 }
 
 TEST(Time_Text, utc_and_local_forms_name_the_same_moment) {
@@ -128,24 +111,11 @@ TEST(Names, dataset_names) {
     EXPECT_TRUE(valid_dataset_name(good, why)) << good << why;
     EXPECT_EQ(why, "untouched");
   }
-  std::vector<std::string> bad = {"",
-                                  ".",
-                                  "..",
-                                  "-rf",
-                                  "a/b",
-                                  "../x",
-                                  "a@b",
-                                  "a\nb",
-                                  "a\tb",
-                                  "a\x7f",
-                                  "\"; touch /tmp/x; \"",
-                                  longest + "x",
-                                  std::string("a\0b", 3),
-                                  "\xc3",
-                                  "\xff\xfe",
-                                  "\xc0\xaf",
-                                  "\xed\xa0\x80",
-                                  "a\xc2\x85z"};
+  std::vector<std::string> bad{longest + "x", std::string("a\0b", 3)};
+  for (const char* name :
+       {"", ".", "..", "-rf", "a/b", "../x", "a@b", "a\nb", "a\tb", "a\x7f", "\"; touch /tmp/x; \"", "\xc3",
+        "\xff\xfe", "\xc0\xaf", "\xed\xa0\x80", "a\xc2\x85z"})
+    bad.push_back(name);
   for (char c : std::string("\"'\\$`;&|<>()*?"))
     bad.push_back(std::string("a") + c);
   for (const std::string& name : bad) {

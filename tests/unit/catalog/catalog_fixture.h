@@ -1,5 +1,5 @@
 #pragma once
-// A catalog of its own for each test, once encrypted and once not (plain only, when built without SQLCipher).
+// A catalog of its own for each test. Encrypted ones are tested below, with the database.
 
 #include <gtest/gtest.h>
 
@@ -17,22 +17,20 @@ inline std::string uuid(int number) {
   return "0a000000-0000-4000-8000-" + std::string(12 - digits.size(), '0') + digits;
 }
 
-class Catalog_Fixture : public testing::TestWithParam<bool> {
+class Catalog_Fixture : public testing::Test {
  protected:
   using Array = json_spirit::Array;
   using Object = json_spirit::Object;
   using Value = json_spirit::Value;
 
-  void SetUp() override {
-    ASSERT_TRUE(platform::write_file_atomically(dir_ / "key", std::string(64, 'a') + "\n", 0600));
-    ASSERT_TRUE(manager_->configure(dir_.path(), GetParam() ? dir_ / "key" : ""));
-  }
-  void TearDown() override { manager_->close(); }
+  Catalog_Fixture() { EXPECT_TRUE(manager_->configure(dir_.path(), "")); }
+  ~Catalog_Fixture() override { manager_->close(); }
 
   // Takes the connections away: the folder that is asked for cannot be made.
   void disconnect() {
     const Log_Capture log;
-    ASSERT_FALSE(manager_->configure((dir_ / "key") + "/below", ""));
+    ASSERT_TRUE(platform::write_file_atomically(dir_ / "file", "", 0600));
+    ASSERT_FALSE(manager_->configure(dir_ / "file/below", ""));
   }
 
   bool add_pool(const std::string& id, const std::string& name = "pool") {
@@ -72,11 +70,3 @@ class Catalog_Fixture : public testing::TestWithParam<bool> {
   database::sql::Legacy_Manager* manager_ = database::sql::Legacy_Manager::instance();
   scsi_pool::SCSI_Pool_Sqlite_Manager_Impl catalog_;
 };
-
-#ifdef SQLITE_HAS_CODEC
-#define CATALOG_TESTS(SUITE)                                            \
-  INSTANTIATE_TEST_SUITE_P(Plain_And_Encrypted, SUITE, testing::Bool(), \
-                           [](const auto& test) { return test.param ? "encrypted" : "plain"; })
-#else
-#define CATALOG_TESTS(SUITE) INSTANTIATE_TEST_SUITE_P(Plain, SUITE, testing::Values(false))
-#endif

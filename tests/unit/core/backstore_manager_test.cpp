@@ -9,7 +9,6 @@
 #include "platform/base/path_conf.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/memory_pool.h"
-#include "tests/support/temp_catalog.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -18,12 +17,12 @@ using scsi_pool::FS_Info_Item;
 using Manager = scsi_pool::SCSI_Pool_Backstore_Manager;
 
 struct Operation_Case {
-  const char* name;
   std::function<bool(Manager&)> run;
-  const char* driver_call;     // that makes it fail; "" where no driver call can
-  const char* failure;         // logged then
-  const char* absent_failure;  // logged when the volume, sub filesystem or snapshot is not there; "" for no
-                               // message, null where it does not need one
+  const char* driver_call;  // that makes it fail; "" where no driver call can
+  const char* failure;      // logged then
+  // Logged when the volume, sub filesystem or snapshot is not there; "" for no message, null where it does
+  // not need one.
+  const char* absent_failure = failure;
 };
 
 ACE_UINT64 size, other_size;
@@ -31,150 +30,135 @@ std::string text;
 FS_Info_Item info;
 
 const Operation_Case OPERATIONS[] = {
-    {"create_volume", [](Manager& m) { return m.create_volume("new", 1 << 20, {}); }, "create_volume",
+    {[](Manager& m) { return m.create_volume("new", 1 << 20, {}); }, "create_volume",
      "Failed to create volume new in p1\n", nullptr},
-    {"clone_volume", [](Manager& m) { return m.clone_volume("new", "v", "s", {}, true); }, "clone_volume",
+    {[](Manager& m) { return m.clone_volume("new", "v", "s", {}, true); }, "clone_volume",
      "Failed to clone volume new in p1\n", nullptr},
-    {"destroy_volume", [](Manager& m) { return m.destroy_volume("v"); }, "destroy",
-     "Failed to remove volume v in p1\n", "Failed to remove volume v in p1\n"},
-    {"volume_rollback", [](Manager& m) { return m.volume_rollback("v", "s"); }, "rollback",
-     "Failed to rollback volueme 'v' to 's'\n", "Failed to rollback volueme 'v' to 's'\n"},
-    {"get_volume_info", [](Manager& m) { return m.get_volume_info("v", info); }, "get_info",
-     "Failed to get volume 'v' info\n", "Failed to get volume 'v' info\n"},
-    {"get_volume_size", [](Manager& m) { return m.get_volume_size("v", size) && size == 4096; },
-     "get_used_size", "Failed to get volume 'v' size\n", "Failed to get volume 'v' size\n"},
-    {"set_volume_attr", [](Manager& m) { return m.set_volume_attr("v", "dedup", "on"); }, "set_info",
-     "Failed to set v attr 'dedup' to 'on'\n", "Failed to set v attr 'dedup' to 'on'\n"},
-    {"get_volume_attr", [](Manager& m) { return m.get_volume_attr("v", "dedup", text); }, "get_attr",
-     "Failed to get v attr 'dedup'\n", "Failed to get v attr 'dedup'\n"},
-    {"volume_exist", [](Manager& m) { return m.volume_exist("v"); }, "", "", ""},
-    {"get_volume_dataset", [](Manager& m) { return m.get_volume_dataset("v", text); }, "get_dataset",
-     "Failed to get volume dataset 'v' path\n", "Failed to get volume dataset 'v' path\n"},
-    {"create_snapshot", [](Manager& m) { return m.create_snapshot("v", "new"); }, "create_snapshot",
+    {[](Manager& m) { return m.destroy_volume("v"); }, "destroy", "Failed to remove volume v in p1\n"},
+    {[](Manager& m) { return m.volume_rollback("v", "s"); }, "rollback",
+     "Failed to rollback volueme 'v' to 's'\n"},
+    {[](Manager& m) { return m.get_volume_info("v", info); }, "get_info", "Failed to get volume 'v' info\n"},
+    {[](Manager& m) { return m.get_volume_size("v", size) && size == 4096; }, "get_used_size",
+     "Failed to get volume 'v' size\n"},
+    {[](Manager& m) { return m.set_volume_attr("v", "dedup", "on"); }, "set_info",
+     "Failed to set v attr 'dedup' to 'on'\n"},
+    {[](Manager& m) { return m.get_volume_attr("v", "dedup", text); }, "get_attr",
+     "Failed to get v attr 'dedup'\n"},
+    {[](Manager& m) { return m.volume_exist("v"); }, "", "", ""},
+    {[](Manager& m) { return m.get_volume_dataset("v", text); }, "get_dataset",
+     "Failed to get volume dataset 'v' path\n"},
+    {[](Manager& m) { return m.create_snapshot("v", "new"); }, "create_snapshot",
      "Failed to create 'v' snapshot to 'new'\n",
      "Failed to create 'v' snapshot to 'new': get sub volume obj error\n"},
-    {"destroy_snapshot", [](Manager& m) { return m.destroy_snapshot("v", "s"); }, "snapshot.destroy",
+    {[](Manager& m) { return m.destroy_snapshot("v", "s"); }, "snapshot.destroy",
      "Failed to delete snapshot 'v/s'\n", "Failed to delete snasphot: get snapshot manager object error\n"},
-    {"get_snapshot_info", [](Manager& m) { return m.get_snapshot_info("v", "s", info); }, "snapshot.get_info",
+    {[](Manager& m) { return m.get_snapshot_info("v", "s", info); }, "snapshot.get_info",
      "Failed to get 'v/s' snapshot info:get info error\n",
      "Failed to get snasphot info: get snapshot manager object error\n"},
-    {"get_snapshot_size", [](Manager& m) { return m.get_snapshot_size("v", "s", size); }, "snapshot.size",
+    {[](Manager& m) { return m.get_snapshot_size("v", "s", size); }, "snapshot.size",
      "Failed to get snapshot size: get 'v/s' size error in pool 'p1'\n",
      "Failed to get snasphot size: get snapshot manager object error\n"},
-    {"get_snapshot_sizes",
-     [](Manager& m) { return m.get_snapshot_size("v", "s", size, other_size) && other_size == 200; },
+    {[](Manager& m) { return m.get_snapshot_size("v", "s", size, other_size) && other_size == 200; },
      "snapshot.size", "Failed to get snapshot size: get 'v/s' size error in pool 'p1'\n",
      "Failed to get snasphot size: get snapshot manager object error\n"},
-    {"snapshot_exist", [](Manager& m) { return m.snapshot_exist("v", "s"); }, "", "", ""},
-    {"send_snapshot", [](Manager& m) { return m.send_snapshot("v", "s", {"a"}, nullptr); }, "snapshot.send",
+    {[](Manager& m) { return m.snapshot_exist("v", "s"); }, "", "", ""},
+    {[](Manager& m) { return m.send_snapshot("v", "s", {"a"}, nullptr); }, "snapshot.send",
      "Failed to send snapshot\n", "Failed to get send info: get snapshot manager object error\n"},
-    {"receive_snapshot", [](Manager& m) { return m.receive_snapshot("v", "new", true, nullptr); }, "receive",
+    {[](Manager& m) { return m.receive_snapshot("v", "new", true, nullptr); }, "receive",
      "Failed to receive snapshot\n", "Failed to receive snapshot: volume not exist or snapshot exist\n"},
-    {"create_sub_filesystem", [](Manager& m) { return m.create_sub_filesystem("new", ""); },
-     "create_filesystem", "Failed to create sub filesystem new in p1.\n", nullptr},
-    {"mount_sub_filesystem", [](Manager& m) { return m.mount_sub_filesystem("f"); }, "mount",
+    {[](Manager& m) { return m.create_sub_filesystem("new", ""); }, "create_filesystem",
+     "Failed to create sub filesystem new in p1.\n", nullptr},
+    {[](Manager& m) { return m.mount_sub_filesystem("f"); }, "mount",
      "Failed to mount sub filesystem f in p1.\n",
      "Failed to mount sub filesystem f in p1, \nquery info error.\n"},
-    {"umount_sub_filesystem", [](Manager& m) { return m.umount_sub_filesystem("f"); }, "umount",
+    {[](Manager& m) { return m.umount_sub_filesystem("f"); }, "umount",
      "Failed to umount sub filesystem f in p1.\n",
      "Failed to umount sub filesystem f in p1, query info error.\n"},
-    {"sub_filesystem_mounted", [](Manager& m) { return m.sub_filesystem_mounted("f"); }, "", "",
+    {[](Manager& m) { return m.sub_filesystem_mounted("f"); }, "", "",
      "Failed to get sub filesystem mount info f in p1, query info error.\n"},
-    {"sub_filesystem_mounted_quietly", [](Manager& m) { return m.sub_filesystem_mounted(std::string("f")); },
-     "", "", ""},
-    {"destroy_sub_filesystem", [](Manager& m) { return m.destroy_sub_filesystem("f", true); }, "destroy",
+    {[](Manager& m) { return m.sub_filesystem_mounted(std::string("f")); }, "", "", ""},
+    {[](Manager& m) { return m.destroy_sub_filesystem("f", true); }, "destroy",
      "Failed to destroy sub filesystem f in p1.\n",
      "Failed to destroy sub filesystem f in p1, query info error.\n"},
-    {"sub_filesystem_exist", [](Manager& m) { return m.sub_filesystem_exist("f"); }, "", "", ""},
-    {"get_filesystem_info", [](Manager& m) { return m.get_filesystem_info("f", info); }, "get_info",
-     "Failed to get filesystem 'f' info\n", "Failed to get filesystem 'f' info\n"},
-    {"get_sub_filesystem_mount_point", [](Manager& m) { return m.get_sub_filesystem_mount_point("f", text); },
-     "get_mount_point", "", "Failed to get sub filesystem mountpoint f in p1, \nquery info error.\n"},
-    {"set_sub_filesystem_mount_point", [](Manager& m) { return m.set_sub_filesystem_mount_point("f", "/m"); },
-     "set_mount_point", "", "Failed to set sub filesystem mountpoint f in p1, query info error.\n"},
-    {"filesystem_rollback", [](Manager& m) { return m.filesystem_rollback("f", "s"); }, "rollback",
-     "Failed to rollback filesystem 'f' to 's'\n", "Failed to rollback filesystem 'f' to 's'\n"},
-    {"clone_filesystem", [](Manager& m) { return m.clone_filesystem("new", "f", "s", "", false); },
-     "clone_filesystem", "Failed to clone filesystem snapshot s in p1\n", nullptr},
-    {"create_filesystem_snapshot", [](Manager& m) { return m.create_filesystem_snapshot("f", "new"); },
-     "create_snapshot", "Failed to create snapshot new of sub filesystem f in p1.\n",
+    {[](Manager& m) { return m.sub_filesystem_exist("f"); }, "", "", ""},
+    {[](Manager& m) { return m.get_filesystem_info("f", info); }, "get_info",
+     "Failed to get filesystem 'f' info\n"},
+    {[](Manager& m) { return m.get_sub_filesystem_mount_point("f", text); }, "get_mount_point", "",
+     "Failed to get sub filesystem mountpoint f in p1, \nquery info error.\n"},
+    {[](Manager& m) { return m.set_sub_filesystem_mount_point("f", "/m"); }, "set_mount_point", "",
+     "Failed to set sub filesystem mountpoint f in p1, query info error.\n"},
+    {[](Manager& m) { return m.filesystem_rollback("f", "s"); }, "rollback",
+     "Failed to rollback filesystem 'f' to 's'\n"},
+    {[](Manager& m) { return m.clone_filesystem("new", "f", "s", "", false); }, "clone_filesystem",
+     "Failed to clone filesystem snapshot s in p1\n", nullptr},
+    {[](Manager& m) { return m.create_filesystem_snapshot("f", "new"); }, "create_snapshot",
+     "Failed to create snapshot new of sub filesystem f in p1.\n",
      "Failed to create snapshot new of sub filesystem f in p1, query info error.\n"},
-    {"destroy_filesystem_snapshot", [](Manager& m) { return m.destroy_filesystem_snapshot("f", "s"); },
-     "snapshot.destroy", "Failed to delete snapshot 'f/s'\n",
-     "Failed to delete snasphot: get snapshot manager object error\n"},
-    {"get_filesystem_snapshot_info",
-     [](Manager& m) { return m.get_filesystem_snapshot_info("f", "s", info); }, "snapshot.get_info",
+    {[](Manager& m) { return m.destroy_filesystem_snapshot("f", "s"); }, "snapshot.destroy",
+     "Failed to delete snapshot 'f/s'\n", "Failed to delete snasphot: get snapshot manager object error\n"},
+    {[](Manager& m) { return m.get_filesystem_snapshot_info("f", "s", info); }, "snapshot.get_info",
      "Failed to get 'f/s' snapshot info:get info error\n",
      "Failed to get filesystem snasphot info: get snapshot manager object error\n"},
-    {"filesystem_snapshot_exist", [](Manager& m) { return m.filesystem_snapshot_exist("f", "s"); }, "", "",
-     ""},
-    {"get_filesystem_snapshot_size",
-     [](Manager& m) { return m.get_filesystem_snapshot_size("f", "s", size); }, "snapshot.size",
+    {[](Manager& m) { return m.filesystem_snapshot_exist("f", "s"); }, "", "", ""},
+    {[](Manager& m) { return m.get_filesystem_snapshot_size("f", "s", size); }, "snapshot.size",
      "Failed to get snapshot size: get 'f/s' size error in pool 'p1'\n",
      "Failed to get filesystem snasphot size: get snapshot manager object error\n"},
-    {"get_filesystem_snapshot_sizes",
-     [](Manager& m) { return m.get_filesystem_snapshot_size("f", "s", size, other_size); }, "snapshot.size",
+    {[](Manager& m) { return m.get_filesystem_snapshot_size("f", "s", size, other_size); }, "snapshot.size",
      "Failed to get snapshot size: get 'f/s' size error in pool 'p1'\n",
      "Failed to get filesystem snasphot size: get snapshot manager object error\n"},
-    {"send_filesystem_snapshot", [](Manager& m) { return m.send_filesystem_snapshot("f", "s", {}, nullptr); },
-     "snapshot.send", "Failed to send snapshot\n",
-     "Failed to get send info: get snapshot manager object error\n"},
-    {"receive_filesystem_snapshot",
-     [](Manager& m) { return m.receive_filesystem_snapshot("f", "new", true, nullptr); }, "receive",
+    {[](Manager& m) { return m.send_filesystem_snapshot("f", "s", {}, nullptr); }, "snapshot.send",
+     "Failed to send snapshot\n", "Failed to get send info: get snapshot manager object error\n"},
+    {[](Manager& m) { return m.receive_filesystem_snapshot("f", "new", true, nullptr); }, "receive",
      "Failed to receive filesystem snapshot\n",
      "Failed to receive filesystem snapshot: filesystem f does not exist.\n"},
 };
 
-class Backstore_Operations : public testing::TestWithParam<Operation_Case> {
+class Backstore : public testing::Test {
  protected:
-  Backstore_Operations() : manager_(pool_, "p1") {
-    pool_.folder = dir_.path();
+  Backstore() { reset(); }
+  // A pool with a volume, a sub filesystem and a snapshot of each.
+  void reset() {
+    const std::string folder = dir_.path();
+    pool_ = Memory_Pool();
+    pool_.folder = folder;
     pool_.volumes["v"].snapshots = {"s"};
     pool_.filesystems["f"].snapshots = {"s"};
     pool_.filesystems["f"].mounted = true;
+    manager_.open("zfs");
+    log_.clear();
   }
+
   Temp_Dir dir_;
   Memory_Pool pool_;
-  Memory_Backstore_Manager manager_;
+  Memory_Backstore_Manager manager_{pool_, "p1"};
   Log_Capture log_;
 };
 
-TEST_P(Backstore_Operations, works) {
-  manager_.open("zfs");
-  EXPECT_TRUE(GetParam().run(manager_)) << log_.dump();
-  EXPECT_EQ(log_.errors(), "");
+TEST_F(Backstore, operations_work_or_say_what_failed_or_is_not_there) {
+  for (const Operation_Case& one : OPERATIONS) {
+    SCOPED_TRACE(&one - OPERATIONS);
+    reset();
+    EXPECT_TRUE(one.run(manager_)) << log_.dump();
+    EXPECT_EQ(log_.errors(), "");
+    if (*one.driver_call != '\0') {
+      reset();
+      pool_.failing.insert(one.driver_call);
+      EXPECT_FALSE(one.run(manager_));
+      EXPECT_EQ(log_.errors(), one.failure);
+    }
+    if (one.absent_failure != nullptr) {
+      reset();
+      pool_.volumes.clear();
+      pool_.filesystems.clear();
+      EXPECT_FALSE(one.run(manager_));
+      EXPECT_EQ(log_.errors(), one.absent_failure);
+    }
+    log_.clear();
+    Memory_Backstore_Manager without_driver(pool_, "p1");
+    EXPECT_FALSE(one.run(without_driver));
+    EXPECT_TRUE(log_.contains(LM_EMERGENCY, "fs_mgr_.get() is NULL")) << log_.dump();
+  }
 }
-
-TEST_P(Backstore_Operations, says_why_the_driver_failed) {
-  if (*GetParam().driver_call == '\0') return;
-  manager_.open("zfs");
-  pool_.failing.insert(GetParam().driver_call);
-  EXPECT_FALSE(GetParam().run(manager_));
-  EXPECT_EQ(log_.errors(), GetParam().failure);
-}
-
-TEST_P(Backstore_Operations, says_what_is_not_there) {
-  if (GetParam().absent_failure == nullptr) return;
-  manager_.open("zfs");
-  pool_.volumes.clear();
-  pool_.filesystems.clear();
-  EXPECT_FALSE(GetParam().run(manager_));
-  EXPECT_EQ(log_.errors(), GetParam().absent_failure);
-}
-
-TEST_P(Backstore_Operations, needs_a_driver) {
-  EXPECT_FALSE(GetParam().run(manager_));
-  EXPECT_TRUE(log_.contains(LM_EMERGENCY, "fs_mgr_.get() is NULL")) << log_.dump();
-  EXPECT_TRUE(pool_.calls.empty());
-}
-
-INSTANTIATE_TEST_SUITE_P(all, Backstore_Operations, testing::ValuesIn(OPERATIONS),
-                         [](const auto& each) { return each.param.name; });
-
-class Backstore : public Backstore_Operations {
- protected:
-  Backstore() { manager_.open("zfs"); }
-};
 
 TEST_F(Backstore, refuses_hostile_names_before_the_driver_is_asked) {
   const std::vector<std::function<bool(const std::string&)>> takes_a_name = {
@@ -201,31 +185,6 @@ TEST_F(Backstore, refuses_hostile_names_before_the_driver_is_asked) {
   }
 }
 
-TEST_F(Backstore, volumes_take_the_block_size_of_the_manager_when_they_have_none) {
-  const Temp_Catalog catalog;  // opens the manager with 4096 bytes
-  Manager::volume_ext_attrs attrs;
-  attrs.compression = "lz4";
-  ASSERT_TRUE(manager_.create_volume("a", 65536, attrs));
-  attrs.block_size = 8192;
-  ASSERT_TRUE(manager_.create_volume("b", 65536, attrs));
-  const FS_Info_Item expected{{"size", 65536u}, {"block_size", 4096u}, {"dedup", false},
-                              {"async", false}, {"checksum", true},    {"compression", "lz4"}};
-  EXPECT_EQ(JSON_Dump(pool_.volumes["a"].made_with), JSON_Dump(expected));
-  EXPECT_EQ(pool_.volumes["b"].made_with["block_size"], 8192u);
-}
-
-TEST_F(Backstore, clones_take_their_sizes_from_the_origin) {
-  ASSERT_TRUE(manager_.clone_volume("link", "v", "s", {}, true));
-  ASSERT_TRUE(manager_.clone_volume("full", "v", "s", {}, false));
-  ASSERT_TRUE(manager_.clone_filesystem("tree", "f", "s", "/m/tree", false));
-  EXPECT_EQ(pool_.volumes["link"].made_with["clone_type"], "link");
-  EXPECT_EQ(pool_.volumes["full"].made_with["clone_type"], "full");
-  EXPECT_EQ(pool_.volumes["full"].made_with.count("size"), 0u);
-  EXPECT_EQ(pool_.volumes["full"].made_with.count("block_size"), 0u);
-  EXPECT_EQ(JSON_Dump(pool_.filesystems["tree"].made_with),
-            R"({"clone_type":"full","mount_point":"/m/tree"})");
-}
-
 TEST_F(Backstore, what_exists_is_not_made_again) {
   EXPECT_FALSE(manager_.create_volume("v", 1, {}));
   EXPECT_FALSE(manager_.clone_volume("v", "v", "s", {}, true));
@@ -243,55 +202,30 @@ TEST_F(Backstore, what_exists_is_not_made_again) {
   EXPECT_EQ(pool_.count("receive") + pool_.count("create_volume") + pool_.count("clone_"), 0u);
 }
 
-TEST_F(Backstore, names_by_pointer_must_be_given) {
-  for (const char* name : {static_cast<const char*>(nullptr), ""}) {
-    EXPECT_FALSE(manager_.mount_sub_filesystem(name));
-    EXPECT_FALSE(manager_.create_filesystem_snapshot("f", name));
-  }
-  EXPECT_FALSE(manager_.clone_filesystem("new", "", "s", "", true));
-  EXPECT_FALSE(manager_.clone_filesystem("new", "f", "", "", true));
-  EXPECT_EQ(log_.count(LM_EMERGENCY), 6u);
-  EXPECT_TRUE(log_.contains(LM_EMERGENCY, "name is NULL or \"\""));
-  EXPECT_TRUE(log_.contains(LM_EMERGENCY, "snapshot_id is NULL or \"\""));
-  EXPECT_TRUE(log_.contains(LM_EMERGENCY, "source_name is empty"));
-  EXPECT_TRUE(log_.contains(LM_EMERGENCY, "snapshot_id is empty"));
-}
-
-struct Config_Case {
-  const char* name;
-  const char* text;  // null: no file
-  bool result;
-  unsigned timeout;
-};
-
-class Config : public testing::TestWithParam<Config_Case> {};
-
-TEST_P(Config, sets_the_device_timeout) {
+TEST_F(Backstore, the_device_timeout_is_configured) {
   const Temp_Dir root;
   platform::Path_Conf::root(root.path());
   const std::string folder = platform::Path_Conf("/etc/opt/norvale/tarnkit3/$COMPONENT").folder();
   ASSERT_TRUE(platform::mkdir_p(folder, 0750));
-  if (GetParam().text != nullptr) {
-    ASSERT_TRUE(platform::write_file_atomically(folder + "/scsi_pool_mgr.conf", GetParam().text, 0600));
+  const struct {
+    const char* text;
+    bool good;
+    unsigned timeout;
+  } cases[] = {{R"({"check_block_dev_timeout": 90})", true, 90},
+               {R"({"check_block_dev_timeout": -1})", true, 0},
+               {"[90]", false, 0},
+               {"{timeout", false, 0}};
+  for (const auto& one : cases) {
+    ASSERT_TRUE(platform::write_file_atomically(folder + "/scsi_pool_mgr.conf", one.text, 0600));
+    Memory_Pool pool;
+    {
+      Memory_Backstore_Manager manager(pool, "p1");
+      manager.open("zfs");
+      EXPECT_EQ(manager.load_config(), one.good) << one.text;
+    }
+    EXPECT_EQ(pool.block_dev_timeout, one.timeout) << one.text;
   }
-  const Log_Capture log;
-  Memory_Pool pool;
-  {
-    Memory_Backstore_Manager manager(pool, "p1");
-    manager.open("zfs");
-    EXPECT_EQ(manager.load_config(), GetParam().result);
-  }
-  EXPECT_EQ(pool.block_dev_timeout, GetParam().timeout);
   platform::Path_Conf::root("");
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    all, Config,
-    testing::Values(Config_Case{"no_file", nullptr, true, 0},
-                    Config_Case{"timeout", R"({"check_block_dev_timeout": 90})", true, 90},
-                    Config_Case{"no_key", R"({"other": 1})", true, 0},
-                    Config_Case{"negative", R"({"check_block_dev_timeout": -1})", true, 0},
-                    Config_Case{"array", "[90]", false, 0}, Config_Case{"garbage", "{timeout", false, 0}),
-    [](const auto& each) { return each.param.name; });
 
 }  // namespace

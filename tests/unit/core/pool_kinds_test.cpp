@@ -2,8 +2,6 @@
 // failure.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "backup/pools/scsipool/scsi_pool_file_backstore_manager.h"
 #include "backup/pools/scsipool/scsi_pool_global_backstore_manager.h"
@@ -44,36 +42,17 @@ class File_Pools : public testing::Test {
   Log_Capture log_;
 };
 
-ACE_UINT64 allocated(const std::string& file) {
-  struct stat status {};
-  EXPECT_EQ(::stat(file.c_str(), &status), 0);
-  EXPECT_EQ(static_cast<ACE_UINT64>(status.st_size), SMALLEST);
-  return static_cast<ACE_UINT64>(status.st_blocks) * 512;
-}
-
-TEST_F(File_Pools, thin_file_is_sparse_and_formatted) {
-  ASSERT_TRUE(manager_.create(SMALLEST, true)) << log_.dump();
-  EXPECT_LT(allocated(manager_.file()), SMALLEST / 2);
-  EXPECT_EQ(pool_.calls, std::vector<std::string>{R"(make {"Label":"p1","pool_name":"p1"})"});
-  EXPECT_TRUE(manager_.exist());
-}
-
-TEST_F(File_Pools, thick_file_has_all_its_blocks) {
-  ASSERT_TRUE(manager_.create(SMALLEST, false)) << log_.dump();
-  EXPECT_GE(allocated(manager_.file()), SMALLEST);
-}
-
-TEST_F(File_Pools, too_small_is_refused_before_anything_is_written) {
-  EXPECT_FALSE(manager_.create(SMALLEST - 1, true));
+TEST_F(File_Pools, nothing_that_is_there_is_touched_and_what_was_made_stays) {
+  EXPECT_FALSE(manager_.create(SMALLEST - 1, true) || manager_.create(0, true));
   EXPECT_TRUE(
       log_.has(LM_ERROR, "Failed to create SCSI pool backstore: backstore must bigger than 52428800\n"));
   EXPECT_FALSE(manager_.exist());
-  EXPECT_FALSE(manager_.create(0, true));
-}
-
-TEST_F(File_Pools, an_existing_file_is_not_touched) {
-  ASSERT_TRUE(platform::mkdir_p(platform::dirname_string(manager_.file()), 0700));
+  pool_.failing = {"make"};
+  EXPECT_FALSE(manager_.create(SMALLEST, true));
+  EXPECT_TRUE(log_.contains(LM_ERROR, "/store/p1' error\n")) << log_.dump();
+  EXPECT_TRUE(manager_.exist());
   ASSERT_TRUE(platform::write_file_atomically(manager_.file(), "somebody's data", 0600));
+  pool_.calls.clear();
   EXPECT_FALSE(manager_.create(SMALLEST, true));
   EXPECT_TRUE(log_.contains(LM_ERROR, "/store/p1' is exist\n")) << log_.dump();
   std::string text;
@@ -81,42 +60,20 @@ TEST_F(File_Pools, an_existing_file_is_not_touched) {
   EXPECT_TRUE(pool_.calls.empty());
 }
 
-TEST_F(File_Pools, file_stays_when_it_cannot_be_formatted) {
-  pool_.failing = {"make"};
-  EXPECT_FALSE(manager_.create(SMALLEST, true));
-  EXPECT_TRUE(log_.contains(LM_ERROR, "/store/p1' error\n")) << log_.dump();
-  EXPECT_TRUE(manager_.exist());
-}
-
-TEST_F(File_Pools, destroy_removes_the_file_also_when_the_pool_is_gone) {
-  EXPECT_FALSE(manager_.destroy());
-  EXPECT_EQ(log_.errors(), "Failed to delete p1 SCSI pool backstore: backstore does not exist\n");
-  ASSERT_TRUE(manager_.create(SMALLEST, true));
+TEST_F(File_Pools, destroy_removes_the_file_also_when_the_pool_is_gone_but_not_while_mounted) {
+  EXPECT_FALSE(manager_.destroy() || manager_.mount({}));
+  EXPECT_TRUE(log_.has(LM_ERROR, "Failed to delete p1 SCSI pool backstore: backstore does not exist\n"));
+  ASSERT_TRUE(manager_.create(SMALLEST, true) && manager_.mount({}));
   ASSERT_TRUE(platform::mkdir_p(manager_.mount_folder(), 0700));
+  pool_.failing = {"pool.umount"};
+  EXPECT_FALSE(manager_.destroy());
+  EXPECT_TRUE(log_.has(LM_ERROR, "Failed to delete p1 SCSI pool backstore: umount backstore error\n"));
+  EXPECT_EQ(pool_.count("pool.destroy"), 0u);
+  EXPECT_TRUE(manager_.exist());
   pool_.failing = {"pool.destroy"};
   EXPECT_TRUE(manager_.destroy());
   EXPECT_FALSE(platform::path_exists(manager_.file()));
   EXPECT_FALSE(platform::path_exists(manager_.mount_folder()));
-}
-
-TEST_F(File_Pools, nothing_is_removed_while_mounted) {
-  ASSERT_TRUE(manager_.create(SMALLEST, true));
-  pool_.failing = {"pool.umount"};
-  EXPECT_FALSE(manager_.destroy());
-  EXPECT_EQ(log_.errors(), "Failed to delete p1 SCSI pool backstore: umount backstore error\n");
-  EXPECT_EQ(pool_.count("pool.destroy"), 0u);
-  EXPECT_TRUE(manager_.exist());
-}
-
-TEST_F(File_Pools, mounting_needs_the_file) {
-  EXPECT_FALSE(manager_.mount({}));
-  EXPECT_TRUE(log_.contains(LM_ERROR, "/store/p1' does not exist\n"));
-  ASSERT_TRUE(manager_.create(SMALLEST, true));
-  EXPECT_TRUE(manager_.mount({{"compression", "lz4"}}));
-  EXPECT_EQ(pool_.count(R"(pool.mount {"compression":"lz4"})"), 1u);
-  pool_.failing = {"pool.mount"};
-  EXPECT_FALSE(manager_.mount({}));
-  EXPECT_TRUE(log_.contains(LM_ERROR, "Failed to mount '")) << log_.dump();
 }
 
 TEST(Pool_Kinds, hostile_ids_build_no_paths) {
@@ -136,26 +93,16 @@ TEST(Pool_Kinds, hostile_ids_build_no_paths) {
   EXPECT_FALSE(dataset.open("ext4"));
 }
 
-TEST(Pool_Kinds, factory_goes_by_the_global_device) {
-  using scsi_pool::SCSI_Pool_Backstore_Factory;
-  const scsi_pool::SCSI_Pool_Backstore_Manager_var file(SCSI_Pool_Backstore_Factory::create("p1", ""));
-  const scsi_pool::SCSI_Pool_Backstore_Manager_var global(SCSI_Pool_Backstore_Factory::create("p1", "tank"));
-  EXPECT_NE(dynamic_cast<scsi_pool::SCSI_Pool_File_Backstore_Manager*>(file.get()), nullptr);
-  EXPECT_NE(dynamic_cast<scsi_pool::SCSI_Pool_Global_Backstore_Manager*>(global.get()), nullptr);
-}
-
-TEST(Global_Pools, quota_always_reservation_unless_thin) {
-  for (const bool thin : {false, true}) {
-    Memory_Pool device;
-    ASSERT_TRUE(Global_Pool(device).create(1000, thin));
-    EXPECT_EQ(JSON_Dump(device.filesystems["p1"].made_with), R"({"size":1000})");
-    EXPECT_EQ(device.count("set_reservation p1 1000"), thin ? 0u : 1u);
-  }
-}
-
 TEST(Global_Pools, says_which_step_failed) {
   Log_Capture log;
   Memory_Pool device;
+  ASSERT_TRUE(Global_Pool(device).create(1000, true));
+  EXPECT_EQ(JSON_Dump(device.filesystems["p1"].made_with), R"({"size":1000})");
+  EXPECT_EQ(device.count("set_reservation"), 0u) << "thin";
+  device.calls.clear();
+  Global_Pool there(device);
+  EXPECT_TRUE(there.mount({}) && there.mounted() && there.exist() && there.umount());
+  EXPECT_TRUE(device.calls.empty()) << "the system mounts the device";
   device.failing = {"set_reservation"};
   EXPECT_FALSE(Global_Pool(device).create(1000, false));
   EXPECT_EQ(device.filesystems.count("p1"), 1u);
@@ -169,26 +116,6 @@ TEST(Global_Pools, says_which_step_failed) {
             "Failed to create backstore: failed to create sub filesystem\n"
             "Failed to delete backstore: delete sub filesystem error\n"
             "Failed to get global backstore size: get sub filesystem size error\n");
-}
-
-TEST(Global_Pools, the_system_mounts_the_device) {
-  Memory_Pool device;
-  Global_Pool manager(device);
-  EXPECT_TRUE(manager.mount({}) && manager.mounted() && manager.exist() && manager.umount());
-  EXPECT_TRUE(device.calls.empty());
-  device.filesystems["p1"].used = 77;
-  ACE_UINT64 size = 0;
-  EXPECT_TRUE(manager.get_used_size(size) && size == 77);
-  EXPECT_TRUE(manager.destroy());
-  EXPECT_EQ(device.count("destroy p1 force"), 1u);
-}
-
-TEST(Global_Pools, unopened_manager_reports_a_violation) {
-  const Log_Capture log;
-  scsi_pool::SCSI_Pool_Global_Backstore_Manager manager("p1", "tank");
-  EXPECT_FALSE(manager.create(1, true) || manager.destroy() || manager.mount({}) || manager.exist());
-  EXPECT_EQ(log.count(LM_EMERGENCY), 4u);
-  EXPECT_TRUE(log.contains(LM_EMERGENCY, "sub_fs_mgr_.get() is NULL"));
 }
 
 }  // namespace

@@ -13,8 +13,8 @@
 #include "platform/base/file.h"
 #include "platform/database/legacy_manager.h"
 #include "platform/zfs/zfs_host.h"
+#include "tests/support/fake_lio.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/memory_lio.h"
 #include "tests/support/scripted_tools.h"
 #include "tests/support/temp_catalog.h"
 
@@ -65,7 +65,6 @@ class Text_SQL : public database::sql::SQL {
 class Tool_Count : public testing::TestWithParam<std::string> {
  protected:
   Tool_Count() {
-    LIO_Library::install(lio_);
     scsi_pool::SCSI_Pool_Backstore_Factory::replace_maker(
         [this](const std::string& id, const std::string&) { return new Pool_In_Folder(id, dir_.path()); });
     platform::write_file_atomically(dir_ / "file", "", 0600);
@@ -79,7 +78,6 @@ class Tool_Count : public testing::TestWithParam<std::string> {
   }
   ~Tool_Count() override {
     scsi_pool::SCSI_Pool_Backstore_Factory::replace_maker({});
-    LIO_Library::install(nullptr);
     zfs::host_paths() = zfs::Host_Paths();
   }
 
@@ -152,7 +150,7 @@ class Tool_Count : public testing::TestWithParam<std::string> {
 
   Temp_Dir dir_;
   Scripted_Tools tools_{{"zfs", "zpool", "btrfs"}};
-  std::shared_ptr<Memory_LIO> lio_ = std::make_shared<Memory_LIO>();
+  Fake_Lio lio_;
   Temp_Catalog catalog_;
   SCSI_Pool_Manager& manager_ = catalog_.manager();
   Log_Capture log_;

@@ -73,20 +73,6 @@ TEST(Config, SampleConfigurationsAreFine) {
   }
 }
 
-TEST(Config, CertificatesTurnTLSOnForEveryAddress) {
-  Config config;
-  std::string error;
-  ASSERT_TRUE(scsipoold::load_config(TEST_SUPPORT_DIR "/../../packaging/scsipool-tls.json", config, error))
-      << error;
-  ASSERT_EQ(2u, config.listen.size());
-  for (const HTTP_Listen_Address& address : config.listen) {
-    EXPECT_TRUE(address.tls);
-    EXPECT_EQ(config.tls_certificate, address.certificate_file);
-    EXPECT_EQ(config.tls_key, address.key_file);
-  }
-  EXPECT_EQ(config.data_folder + "/lio.json", config.lio_saved_config);
-}
-
 TEST(Config, FilesThatCannotBeReadAreNamed) {
   Temp_Dir dir;
   Config config;
@@ -98,16 +84,6 @@ TEST(Config, FilesThatCannotBeReadAreNamed) {
   EXPECT_EQ(0u, error.find(dir / "cut" + ": is not JSON: parse error at line 1, column 16: ")) << error;
   EXPECT_FALSE(scsipoold::load_config(dir.path(), config, error));
   EXPECT_EQ(dir.path() + ": Is a directory", error);
-}
-
-TEST(Config, TheServiceEntryCarriesTheOptions) {
-  scsipoold::Module_Config module;
-  EXPECT_EQ(
-      "dynamic SCSI_Pool_Manager_Service Service_Object * libscsipool.so:_make_SCSI_Pool_Manager_Service() "
-      "\"-f zfs -b 0 -d /orbistor/scsipool\"",
-      scsipoold::service_directive(module));
-  module.global_device = "tank";
-  EXPECT_NE(std::string::npos, scsipoold::service_directive(module).find("\"-f zfs -b 0 -g tank -d "));
 }
 
 }  // namespace

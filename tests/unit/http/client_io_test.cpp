@@ -87,38 +87,6 @@ TEST(ClientIO, WritesARemoteFile) {
             "POST|svc|receive|a b|id|norecycle|4464 key secret new end " + count + " " + count + "\n");
 }
 
-TEST(ClientIO, AnEmptyFileIsAFile) {
-  Receiver receiver;
-  Client_IO io;
-  ASSERT_TRUE(io.connect(receiver.uri("/p"), {}));
-  ASSERT_TRUE(io.open("a?b/c%d", Client_IO::WRITE));
-  EXPECT_TRUE(io.close()) << io.last_error();
-  EXPECT_EQ(receiver.log(), "POST|p|a?b|c%d end 0 0\n");
-}
-
-TEST(ClientIO, LeavingWithoutCloseIsACut) {
-  Receiver receiver;
-  {
-    Client_IO io;
-    ASSERT_TRUE(io.connect(receiver.uri("/p"), {}));
-    ASSERT_TRUE(io.open("f", Client_IO::WRITE));
-    ASSERT_TRUE(io.write(std::string(65536, 'x').data(), 65536));
-  }
-  EXPECT_EQ(receiver.log(), "POST|p|f cut 65536 65536\n");
-}
-
-TEST(ClientIO, RemoveCutsAndDeletes) {
-  Receiver receiver;
-  Client_IO io;
-  ASSERT_TRUE(io.connect(receiver.uri("/p"), {}));
-  ASSERT_TRUE(io.open("id/recycle/1", Client_IO::WRITE));
-  EXPECT_TRUE(io.remove("id")) << io.last_error();
-  EXPECT_FALSE(io.write("x", 1));
-  const std::string log = receiver.log(2);
-  EXPECT_THAT(log, HasSubstr("POST|p|id|recycle|1 cut 0 0\n"));
-  EXPECT_THAT(log, HasSubstr("DELETE|p|id end 0 0\n"));
-}
-
 TEST(ClientIO, AnEarlyRefusalIsNoticed) {
   Receiver receiver(true);
   Client_IO io;
@@ -199,31 +167,6 @@ TEST(ClientIO, ConnectsWithinTheRetryTime) {
   options.max_seconds_retry = 10;
   EXPECT_TRUE(io.connect(uri, options)) << io.last_error();
   starter.join();
-}
-
-TEST(ClientIO, KeepsTheRateOfItsWindow) {
-  Receiver receiver;
-  Client_IO io;
-  Client_IO::Options options;
-  options.rate_control_entries.emplace_back(0, 86400, 1024 * 1024);
-  ASSERT_TRUE(io.connect(receiver.uri("/p"), options));
-  ASSERT_TRUE(io.open("f", Client_IO::WRITE));
-  const std::string data(2 * 1024 * 1024, 'x');
-  const auto begin = std::chrono::steady_clock::now();
-  ASSERT_TRUE(io.write(data.data(), data.size()) && io.close()) << io.last_error();
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-  EXPECT_GT(seconds, 1.8);
-  EXPECT_LT(seconds, 4);  // on a machine that is busy otherwise
-}
-
-TEST(ClientIO, MisuseIsRefused) {
-  Receiver receiver;
-  Client_IO io;
-  EXPECT_FALSE(io.open("f", Client_IO::WRITE));
-  EXPECT_FALSE(io.remove("f"));
-  ASSERT_TRUE(io.connect(receiver.uri("/p"), {}));
-  EXPECT_FALSE(io.open("f", Client_IO::READ));
-  EXPECT_FALSE(io.write("x", 1));
 }
 
 }  // namespace

@@ -116,13 +116,6 @@ TEST(Server, ConnectionIsKeptAndExpectationsAreMet) {
   EXPECT_THAT(replies, HasSubstr("POST /3|3 <x>"));
 }
 
-TEST(Server, ExceptionsOfHandlersAre500) {
-  Test_Server server([](const Server_Request&, Server_Response&) { throw std::runtime_error("boom"); });
-  const std::string reply = converse(server.port(), "GET / HTTP/1.0\r\n\r\n");
-  EXPECT_THAT(reply, StartsWith("HTTP/1.1 500"));
-  EXPECT_THAT(reply, HasSubstr("boom"));
-}
-
 // A streamed body is told apart from a cut one.
 TEST(Server, StreamedBodiesEndOnlyWhereTheyAreMarked) {
   HTTP_Server_Options options;
@@ -257,19 +250,6 @@ TEST(Server, UnixSocket) {
   EXPECT_THAT(error, HasSubstr("another process serves"));
   server.reset();
   EXPECT_NE(stat(options.unix_socket.c_str(), &info), 0) << "the socket's file is left";
-}
-
-TEST(Server, SaysWhyItCannotStart) {
-  Test_Server first(echo);
-  HTTP_Server server;
-  std::string error;
-  HTTP_Server_Options options;
-  options.addresses = {{"127.0.0.1", first.port(), false, "", ""}};
-  EXPECT_FALSE(server.start(options, echo, error));
-  EXPECT_THAT(error, HasSubstr("Address already in use"));
-  options.addresses = {{"127.0.0.1", 0, true, "/nowhere.crt", "/nowhere.key"}};
-  EXPECT_FALSE(server.start(options, echo, error));
-  EXPECT_THAT(error, HasSubstr("/nowhere.crt"));
 }
 
 }  // namespace

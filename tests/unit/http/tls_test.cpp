@@ -106,33 +106,11 @@ TEST_F(Tls, AnExpiredCertificateIsRefused) {
   EXPECT_THAT(connect("old.crt"), HasSubstr("refused: certificate has expired"));
 }
 
-TEST_F(Tls, PlainPeersAreNamed) {
-  Raw_Peer plain({[](int fd) { say(fd, "HTTP/1.1 400 Bad Request\r\n\r\n"); }});
-  HTTP_Failure failure;
-  EXPECT_EQ(HTTP_Session_Factory::try_create("127.0.0.1", plain.port(), true, nullptr, 5, failure), nullptr);
-  EXPECT_THAT(failure.text, HasSubstr("TLS handshake"));
-}
-
 TEST_F(Tls, ASilentPeerDoesNotHoldTheHandshake) {
   Raw_Peer silent({[](int fd) { read_to_end(fd, 3000); }});
   HTTP_Failure failure;
   EXPECT_EQ(HTTP_Session_Factory::try_create("127.0.0.1", silent.port(), true, nullptr, 1, failure), nullptr);
   EXPECT_THAT(failure.text, HasSubstr("TLS handshake: timed out"));
-}
-
-TEST_F(Tls, StreamsLargeBodies) {
-  TLS_Settings settings;
-  settings.ca_file = folder_ / "good.crt";
-  TLS_Settings::set(settings);
-  Client_IO io;
-  ASSERT_TRUE(io.connect(URI("https", "127.0.0.1", server_->port(), "/p"), {})) << io.last_error();
-  ASSERT_TRUE(io.open("f", Client_IO::WRITE));
-  const std::string data(8192, 'x');
-  for (int i = 0; i < 2000; ++i)
-    ASSERT_TRUE(io.write(data.data(), data.size())) << io.last_error();
-  EXPECT_TRUE(io.close()) << io.last_error();
-  server_->server().stop();
-  EXPECT_EQ(received_, 2000 * 8192);
 }
 
 TEST_F(Tls, ACutIsNoEnd) {

@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <thread>
 
@@ -31,7 +30,10 @@ class Lio_Library : public ::testing::Test {
     options_.prepare_kernel = false;
     restart();
   }
-  ~Lio_Library() override { LIO_Library::install(nullptr); }
+  ~Lio_Library() override {
+    EXPECT_FALSE(tree_->died());
+    LIO_Library::install(nullptr);
+  }
 
   // A new process: nothing is remembered but what is in the file.
   void restart() { LIO_Library::install(std::make_shared<lio::Configfs_Library>(options_, tree_)); }
@@ -88,13 +90,6 @@ class Lio_Library : public ::testing::Test {
     platform::write_file_atomically(options_.saved_file, text.replace(at, from.size(), to), 0600);
   }
 
-  // Of a process that does not wait for the lock of this one, as after a crash.
-  LIO_Options second_options() const {
-    LIO_Options options = options_;
-    options.lock_file = dir_ / "run/second.lock";
-    return options;
-  }
-
   Temp_Dir dir_;
   LIO_Options options_;
   std::shared_ptr<Fake_Configfs> tree_;
@@ -129,33 +124,6 @@ TEST_F(Lio_Library, refusals_name_what_is_wrong) {
   EXPECT_FALSE(lun->add_acls({{"iqn.2026-11.org.example:new", ""}}, false));
   EXPECT_TRUE(log.contains(LM_ERROR, "'iqn.2026-11.org.example:c d'"));
   EXPECT_EQ("", findings());
-}
-
-TEST_F(Lio_Library, backstore_is_tuned_after_enable_and_discovery_follows_the_mode) {
-  const auto lun = create(volume(1), {});
-  ASSERT_TRUE(lun);
-  EXPECT_FALSE(tree_->died());
-  std::string name, serial;
-  ASSERT_TRUE(lun->get_backstore(name));
-  ASSERT_TRUE(LIO_Backstore_Manager::find_backstore(name.c_str())->get_vpd_unit_serial(serial));
-  EXPECT_EQ("00000001-1111-4222-8333-444455556666", serial);
-  EXPECT_EQ("1", tree_->value("core/fileio_0/" + name + "/attrib/emulate_tpu"));
-  EXPECT_NE(std::string::npos, tree_->value("core/fileio_0/" + name + "/info").find("Buffered-WCE"));
-  EXPECT_EQ("1", tree_->value(GROUP + "/attrib/demo_mode_discovery"));
-  // The mode opens with its last write.
-  const std::vector<std::string>& changes = tree_->changes();
-  const auto at = [&](const std::string& what) {
-    return std::find(changes.begin(), changes.end(), "write " + GROUP + what) - changes.begin();
-  };
-  EXPECT_LT(at("/attrib/demo_mode_write_protect=0"), at("/attrib/generate_node_acls=1"));
-  EXPECT_LT(at("/attrib/authentication=0"), at("/attrib/generate_node_acls=1"));
-  EXPECT_LT(at("/attrib/generate_node_acls=1"), at("/enable=1"));
-  EXPECT_TRUE(target()->get_tpg(1)->set_acl_mode());
-  EXPECT_EQ("0", tree_->value(GROUP + "/attrib/demo_mode_discovery"));
-  EXPECT_EQ("0", tree_->value(GROUP + "/attrib/cache_dynamic_acls"));
-  tree_->clear_changes();
-  EXPECT_TRUE(target()->get_tpg(1)->set_acl_mode());
-  EXPECT_TRUE(tree_->changes().empty());
 }
 
 TEST_F(Lio_Library, an_emptied_open_group_is_disabled_before_it_gets_a_lun) {
@@ -241,20 +209,6 @@ TEST_F(Lio_Library, a_removal_that_fails_says_so_and_can_be_repeated) {
   EXPECT_TRUE(tree_->exists(GROUP + "/acls/" + INITIATOR));
   EXPECT_TRUE(target()->destroy(false));
   EXPECT_EQ("", tree_->listing());
-}
-
-TEST_F(Lio_Library, numbers_and_serials_are_remembered_across_processes) {
-  ASSERT_TRUE(create(volume(1), {}));
-  ASSERT_TRUE(create(volume(2), {}));
-  const std::string before = tree_->listing();
-  const auto group = target()->get_tpg(1);
-  ASSERT_TRUE(group->get_lun(0)->destroy(false) && group->get_lun(1)->destroy(false));
-  restart();
-  EXPECT_EQ(2, create(volume(3), {})->seq());
-  EXPECT_EQ(1, create(volume(2), {})->seq());
-  EXPECT_EQ(0, create(volume(1), {})->seq());
-  EXPECT_TRUE(target()->get_tpg(1)->get_lun(2)->destroy(false));
-  EXPECT_EQ(before, tree_->listing());
 }
 
 TEST_F(Lio_Library, the_same_volume_uuid_on_two_paths_gets_two_serials) {
@@ -376,27 +330,6 @@ TEST_F(Lio_Library, a_wrong_serial_number_is_mended_when_nobody_is_logged_in) {
   EXPECT_EQ(INITIATOR, exports[0].acls.at(0).initiator);
 }
 
-TEST_F(Lio_Library, what_somebody_else_made_under_a_saved_number_is_left_alone) {
-  const auto lun = create(volume(1), {});
-  std::string store;
-  ASSERT_TRUE(lun && lun->get_backstore(store));
-  tree_->remove_link(GROUP + "/lun/lun_0/lun");
-  ASSERT_TRUE(LIO_Backstore_Manager::remove_backstore(store.c_str(), false));
-  const std::string foreign = "core/fileio_0/foreign";
-  tree_->make_folder(foreign);
-  tree_->write(foreign + "/control", "fd_dev_name=" + volume(9) + ",fd_dev_size=512");
-  tree_->write(foreign + "/udev_path", volume(9));
-  tree_->write(foreign + "/enable", "1");
-  ASSERT_EQ(0, tree_->make_link(foreign, GROUP + "/lun/lun_0/lun"));
-  const std::string before = tree_->listing();
-  LIO_Report report;
-  EXPECT_FALSE(LIO_Saved_Config::repair(report));
-  ASSERT_EQ(1u, report.size());
-  EXPECT_EQ(LIO_Finding::OTHER_LUN, report[0].kind);
-  EXPECT_NE(std::string::npos, report[0].text.find(volume(9) + ", which this system did not make"));
-  EXPECT_EQ(before, tree_->listing());
-}
-
 TEST_F(Lio_Library, an_image_on_another_filesystem_is_not_restored) {
   ASSERT_TRUE(create(volume(1), {}));
   tree_->reboot();
@@ -409,30 +342,6 @@ TEST_F(Lio_Library, an_image_on_another_filesystem_is_not_restored) {
   EXPECT_TRUE(log.contains(LM_ERROR, "not on the filesystem that it was exported from"));
   alter_record("0-0", filesystem);
   EXPECT_TRUE(LIO_Saved_Config::restore(report));
-  EXPECT_EQ("", findings());
-}
-
-// One write of the record for an export; what a crash before it leaves counts as a leftover.
-TEST_F(Lio_Library, an_export_is_recorded_when_it_is_enabled) {
-  ASSERT_TRUE(create(volume(1), {{INITIATOR, ""}}));
-  const std::string before = tree_->listing();
-  {
-    const auto changes = LIO_Library::installed()->lock_changes();
-    ASSERT_TRUE(changes);
-    const auto store = LIO_Backstore_Manager::create_backstore(LIO_Backstore::file, volume(2).c_str(), 512);
-    const auto group = target()->get_tpg(1);
-    const auto lun = group->create_lun(store->name().c_str(), false);
-    ASSERT_TRUE(lun && lun->add_acls({{INITIATOR, ""}}, true));
-    EXPECT_EQ(std::string::npos, record().find(volume(2)));
-    const auto other_process = std::make_shared<lio::Configfs_Library>(second_options(), tree_);
-    LIO_Report report;
-    EXPECT_TRUE(other_process->compare(report));
-    EXPECT_EQ(2, std::count_if(report.begin(), report.end(), [](const LIO_Finding& one) {
-                return one.kind == LIO_Finding::LEFTOVER_LUN || one.kind == LIO_Finding::EXTRA_ACL;
-              }));
-    EXPECT_TRUE(lun->destroy(false));
-  }
-  EXPECT_EQ(before, tree_->listing());
   EXPECT_EQ("", findings());
 }
 

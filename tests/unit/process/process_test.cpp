@@ -100,24 +100,10 @@ TEST_F(Process, missing_tool) {
   EXPECT_EQ(process.pid(), -1);
 }
 
-TEST_F(Process, captured_standard_error_is_not_logged) {
-  std::string errors;
-  EXPECT_EQ(subprocess::call_stderr(errors, "echo $LC_ALL bad >&2; exit 4"), 4);
-  EXPECT_EQ(errors, "C bad\n");
-  EXPECT_TRUE(log_.lines().empty()) << log_.dump();
-}
-
 TEST_F(Process, quotes_keep_a_word_with_a_blank_together) {
   Scripted_Tools tools({"tool"});
   tools.expect("tool show '/mnt/a b/c' x''y");
   EXPECT_EQ(Lines().run("tool show \"/mnt/a b/c\" \"x''y\""), 0);
-}
-
-TEST_F(Process, lines_arrive_one_by_one_and_the_last_needs_no_line_end) {
-  Lines lines;
-  EXPECT_EQ(lines.run("printf 'a\\n\\nb c\\nlast'"), 0);
-  EXPECT_EQ(lines.count, 4u);
-  EXPECT_EQ(lines.last, "last");
 }
 
 TEST_F(Process, huge_output_on_both_streams_does_not_block) {
@@ -126,12 +112,6 @@ TEST_F(Process, huge_output_on_both_streams_does_not_block) {
   EXPECT_EQ(lines.count, 500000u);
   EXPECT_EQ(lines.errors().size(), 64u * 1024);
   EXPECT_EQ(log_.count(LM_NOTICE), 9u) << "eight lines and the number of the others";
-}
-
-TEST_F(Process, one_line_of_many_megabytes_is_read_whole) {
-  Lines lines;
-  EXPECT_EQ(lines.run("sh -c 'head -c 5000000 /dev/zero | tr \"\\0\" x'"), 0);
-  EXPECT_EQ(lines.bytes, 5000000u);
 }
 
 TEST_F(Process, child_that_closes_its_output_early_is_still_waited_for) {
@@ -167,25 +147,6 @@ TEST_F(Process, handler_can_end_the_run) {
   EXPECT_EQ(lines.count, 3u);
 }
 
-TEST_F(Process, flag_logs_the_command) {
-  EXPECT_EQ(Lines(Text_Process_Handler::TPHF_LOG_CMD).run("true"), 0);
-  EXPECT_TRUE(log_.has(LM_DEBUG, "Run 'true'\n")) << log_.dump();
-}
-
-TEST_F(Process, prepared_style_has_its_own_environment_and_callback) {
-  ::setenv("LD_LIBRARY_PATH", "/nowhere", 1);
-  ::setenv("POSIXLY_CORRECT", "1", 1);
-  const Temp_Dir dir;
-  platform::Sized_Process_Options options("sh -c 'echo $LD_LIBRARY_PATH,$POSIXLY_CORRECT,$MORE >&2; exit 6'");
-  options.setenv("LD_LIBRARY_PATH=");
-  options.setenv("MORE", "%d", 5);
-  const auto callback = std::make_shared<Log_Capture>();
-  EXPECT_EQ(subprocess::call(options, callback), 6);
-  EXPECT_TRUE(callback->contains(LM_NOTICE, ": ,,5\n")) << callback->dump();
-  ::unsetenv("LD_LIBRARY_PATH");
-  ::unsetenv("POSIXLY_CORRECT");
-}
-
 TEST_F(Process, child_has_no_other_handles_default_signals_and_null_input) {
   const int leak = ::open("/dev/null", O_RDONLY);  // without close-on-exec
   ::signal(SIGPIPE, SIG_IGN);
@@ -210,27 +171,6 @@ TEST_F(Process, command_longer_than_the_default_buffers) {
   too_small.command_line("%s", command.c_str());
   EXPECT_EQ(subprocess::call(too_small, nullptr), -1) << "a cut command must not be run";
   EXPECT_EQ(errno, E2BIG);
-}
-
-TEST_F(Process, streams_through_both_pipes) {
-  ACE_Process_Ex process(ACE_Process_Ex::OPTION_NONE, "test");
-  process.redirect(ACE_Process_Ex::REDIRECT_STDIN | ACE_Process_Ex::REDIRECT_STDOUT);
-  platform::Tool_Options options("tr a-z A-Z");
-  const pid_t pid = Process_Manager::instance()->spawn(&process, options, nullptr);
-  ASSERT_GT(pid, 0);
-  EXPECT_TRUE(process.running());
-  EXPECT_EQ(Process_Manager::instance()->wait(pid, ACE_Time_Value(0, 50000), nullptr), 0);
-  EXPECT_EQ(errno, ETIME);
-  ASSERT_TRUE(platform::write_all(process.stdin_handle(), "stream", 6));
-  process.close_stdin();
-  char buffer[16];
-  EXPECT_EQ(::read(process.stdout_handle(), buffer, sizeof buffer), 6);
-  EXPECT_EQ(std::string(buffer, 6), "STREAM");
-  ACE_exitcode status = -1;
-  for (int again = 0; again < 2; ++again)
-    EXPECT_EQ(Process_Manager::instance()->wait(pid, ACE_Time_Value(5), &status), pid);
-  EXPECT_EQ(status, 0);
-  EXPECT_FALSE(process.running());
 }
 
 TEST_F(Process, write_to_a_tool_that_has_gone_is_an_error_not_the_end) {

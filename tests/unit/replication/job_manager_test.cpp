@@ -1,8 +1,5 @@
 // Which snapshots a job gets, and what becomes of jobs.
 
-#include <condition_variable>
-#include <mutex>
-
 #include "backup/pools/scsipool/sqlite/replicate_job_database.h"
 #include "platform/database/database.h"
 #include "tests/unit/replication/replication_fixture.h"
@@ -69,28 +66,6 @@ TEST_F(Jobs, NeedADatasetWithSnapshots) {
   EXPECT_EQ(job->job_def().snapshots(), (Array{Object{{"filesystem_name", FS}, {"snapshots", Array{}}}}));
 }
 
-TEST_F(Jobs, AMessageInTheQueueNamesTheJob) {
-  add_snapshots(A, 1, 1);
-  Job_var job = submit(lun(A));
-  std::mutex lock;
-  std::condition_variable came;
-  std::string text;
-  ASSERT_TRUE(Queue_Manager::instance()->start(
-      "scsi_pool_replicate",
-      [&](const Queue_Message& message) {
-        const std::lock_guard<std::mutex> guard(lock);
-        text = message.text;
-        came.notify_all();
-        return Queue_Manager::DONE;
-      },
-      1));
-  std::unique_lock<std::mutex> guard(lock);
-  EXPECT_TRUE(came.wait_for(guard, std::chrono::seconds(10), [&] { return !text.empty(); }));
-  EXPECT_EQ(text, JSON_Dump(Object{{"job_id", job->id()}, {"type", "scsi_pool_replicate"}}, false));
-  guard.unlock();
-  Queue_Manager::instance()->stop();
-}
-
 TEST_F(Jobs, CanBeRepeatedAndRemovedByTheirState) {
   add_snapshots(A, 1, 2);
   for (const auto& one :
@@ -115,18 +90,6 @@ TEST_F(Jobs, CanBeRepeatedAndRemovedByTheirState) {
     }
   }
   EXPECT_TRUE(log_.has(LM_ERROR, "Failed to start SCSI pool replicate job: job is running\n"));
-}
-
-TEST_F(Jobs, CanBeRepeatedWithoutTheirSnapshotsAndAreInvalidThen) {
-  add_snapshots(A, 1, 2);
-  Job_var job = submit(lun(A));
-  EXPECT_FALSE(newest()->invalid());
-  store(job, Job::JOB_STATE_FAILED);
-  ASSERT_TRUE(rows().del_snapshot(POOL, id(1)));
-  EXPECT_FALSE(newest()->invalid());
-  ASSERT_TRUE(rows().del_snapshot(POOL, id(2)));
-  EXPECT_TRUE(newest()->invalid());
-  EXPECT_TRUE(jobs().redo_job(job));
 }
 
 TEST_F(Jobs, ThatARestartCutHaveFailedAndAreReported) {
@@ -165,28 +128,6 @@ TEST_F(Jobs, AreQueuedOnceAndHoldTheirReferencesAfterACrash) {
     EXPECT_EQ(standby(id(2)), 3u);
     EXPECT_EQ(jobs().find(cut->id())->job_state(), Job::JOB_STATE_PENDING);
     EXPECT_EQ(jobs().find(ended->id())->job_state(), Job::JOB_STATE_SUCCEEDED);
-  }
-}
-
-TEST_F(Jobs, WithoutADefinitionAreLeftOut) {
-  add_snapshots(A, 1, 1);
-  Job_var first = submit(lun(A)), second = submit(lun(A));
-  ASSERT_TRUE(scsi_pool::Replicate_Job_Database().del_job_def(second->job_def().id()));
-  EXPECT_EQ(newest()->id(), first->id());
-  std::vector<Job_var> list;
-  EXPECT_FALSE(jobs().list_job("", list, 0, 0, "", "", ""));
-  EXPECT_TRUE(log_.has(LM_ERROR, "Failed to list SCSI pool replicate job: pool uuid is empty\n"));
-}
-
-TEST_F(Jobs, KeepTheOtherAttributesBesideTheirIdentity) {
-  for (const char* attrs : {"", "no json", "[1]", "{\"max_seconds_retry\":9}"}) {
-    Definition def = definition({});
-    def.extended_attrs(attrs);
-    EXPECT_TRUE(jobs().create_replicate_job(def));
-    Object expected{{"replicate_job_id", 7}, {"replicate_task_id", "t7"}};
-    if (*attrs == '{') expected["max_seconds_retry"] = 9;
-    EXPECT_EQ(def.extended_attrs(), JSON_Dump(expected, false));
-    EXPECT_EQ(def.replicate_task_id(), "t7");
   }
 }
 

@@ -161,32 +161,4 @@ TEST_F(Streams, NeverGoToAToolThatWasFedBefore) {
   EXPECT_NE(process()->pid(), pid);  // ended: a new one
 }
 
-TEST_F(Streams, NeedTheirDatasetAndATool) {
-  dataset_.reset(Dataset_Manager::TYPE_VOLUME, B);
-  SCSI_Pool_Receiver lost(POOL, dataset_);
-  EXPECT_FALSE(lost.open(id(1), true));
-  EXPECT_TRUE(log_.has(LM_ERROR, "Failed to receive snapshot: dataset " + B + " does not exist\n"));
-  dataset_.reset(Dataset_Manager::TYPE_VOLUME, A);
-  pool().receive_command = "/no/such/tool";
-  SCSI_Pool_Receiver receiver(POOL, dataset_);
-  EXPECT_FALSE(receiver.open(id(1), true));
-  EXPECT_TRUE(log_.has(LM_ERROR, "Failed to spawn scsi pool receive process: spawn error.\n"));
-  pool().volumes[A].snapshots = {id(1)};
-  pool().failing = {"snapshot.destroy"};
-  EXPECT_FALSE(receiver.open(id(1), true));
-  EXPECT_TRUE(
-      log_.has(LM_ERROR, "Failed to receive snapshot: remove invalid snapshot '" + id(1) + "' error\n"));
-}
-
-TEST_F(Streams, WhatAHealthyToolSaysIsNoError) {
-  for (const auto& one :
-       {std::make_pair("At subvol /p/s1", LM_DEBUG), std::make_pair("At snapshot s1", LM_DEBUG),
-        std::make_pair("ERROR: crc32 mismatch", LM_ERROR)}) {
-    ACE_Log_Record record(LM_ERROR, ACE_Time_Value(), 0);
-    record.msg_data((std::string(one.first) + "\n").c_str());
-    scsi_pool::stream_tool_log()->log(record);
-    EXPECT_TRUE(log_.has(one.second, std::string(one.first) + "\n")) << log_.dump();
-  }
-}
-
 }  // namespace

@@ -60,14 +60,4 @@ TEST_F(Alerts, AlertsAreKept) {
   EXPECT_EQ(alerts[1]["params"]["id"], 1);
 }
 
-TEST_F(Alerts, JobsGetNumbersOfTheirOwn) {
-  Value first = {{"type", "scsi_pool_replicate"}}, second = first, wrong = 1;
-  ASSERT_TRUE(Pool_Replicate_Manager::instance()->create_replicate_job(first));
-  ASSERT_TRUE(Pool_Replicate_Manager::instance()->create_replicate_job(second));
-  EXPECT_FALSE(Pool_Replicate_Manager::instance()->create_replicate_job(wrong));
-  EXPECT_EQ(first["job_id"], 1);
-  EXPECT_EQ(second["job_id"], 2);
-  EXPECT_NE(first["task_id"], second["task_id"]);
-}
-
 }  // namespace

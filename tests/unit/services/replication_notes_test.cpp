@@ -6,14 +6,6 @@ namespace {
 
 using Replication_Notes = Services;
 
-TEST_F(Replication_Notes, KeepTheLastErrorOfAJob) {
-  EXPECT_EQ(job_error(1), "");
-  EXPECT_TRUE(keep_job_error(1, "cut") && keep_job_error(2, "other") && keep_job_error(1, "it's full\n"));
-  EXPECT_EQ(job_error(1), "it's full\n");
-  EXPECT_TRUE(keep_job_error(1, ""));
-  EXPECT_EQ(job_error(1) + job_error(2), "other");
-}
-
 TEST_F(Replication_Notes, KnowWhatIsNotSettled) {
   const Unsettled_Snapshot lun{"p", true, "d", "s"}, filesystem{"p", false, "d", "s"};
   EXPECT_TRUE(note_unsettled(lun) && note_unsettled(filesystem));

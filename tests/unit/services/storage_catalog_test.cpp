@@ -1,9 +1,7 @@
 #include <gmock/gmock.h>
 
-#include "platform/http/http_server.h"
 #include "platform/services/host_manager.h"
 #include "platform/services/recycling_manager.h"
-#include "tests/support/log_capture.h"
 #include "tests/unit/services/services_fixture.h"
 
 namespace {
@@ -147,44 +145,6 @@ TEST_F(StorageCatalog, ACatalogMayBeOfTwoPoolsAndNamesItsSnapshotAsThePoolDoes) 
     ASSERT_TRUE(catalog().query_catalog(pool, catalogs) && catalogs.size() == 1u) << pool;
     EXPECT_EQ(catalogs[0]["extended_attrs"]["snapshot_id"], "aaaaaaaa-1111-4222-8333-44444444abcd");
   }
-}
-
-TEST_F(StorageCatalog, CopiesCatalogsToTheTarget) {
-  std::string key_file = folder_ / "key";
-  FILE* file = fopen(key_file.c_str(), "w");
-  fputs("0123456789abcdef\n", file);
-  fchmod(fileno(file), 0600);
-  fclose(file);
-  ASSERT_TRUE(Host_Manager::instance()->load_access_key(key_file, why_)) << why_;
-  std::string seen;
-  int status = 200;
-  HTTP_Server server;
-  HTTP_Server_Options options;
-  options.addresses = {{"127.0.0.1", 0, false, "", ""}};
-  ASSERT_TRUE(server.start(
-      options,
-      [&](const Server_Request& request, Server_Response& response) {
-        seen += request.method + request.path + request.body + *request.headers.find(48);
-        if (status != 200) response.error(status, "no such pool");
-      },
-      why_))
-      << why_;
-  ASSERT_TRUE(catalog().add_pool(
-      peer_record("http://127.0.0.1:" + std::to_string(server.ports().at(0)) + "/"), why_));
-  ASSERT_TRUE(catalog().set_replicate(LOCAL, PEER, {}, why_)) << why_;
-  EXPECT_TRUE(Storage_Catalog_Utils::replicate_scsi_metadata(LOCAL, {"s1"}));
-  EXPECT_EQ(seen, "") << "there is nothing to copy";
-  ASSERT_TRUE(add_catalog(CATALOG, "s1")) << why_;
-  EXPECT_TRUE(Storage_Catalog_Utils::replicate_scsi_metadata(LOCAL, {"s1"}));
-  EXPECT_EQ(seen,
-            std::string("PUT/svc/r/catalog{\"extended_attrs\":{\"snapshot_id\":\"s1\"},\"pool_uuid\":\"") +
-                PEER + "\",\"uuid\":\"" + CATALOG + "\"}0123456789abcdef");
-  Log_Capture log;
-  status = 404;
-  EXPECT_FALSE(Storage_Catalog_Utils::replicate_lanfree_metadata(CATALOG, 0, LOCAL, PEER));
-  EXPECT_TRUE(log.contains(LM_ERROR, "no such pool")) << log.dump();
-  EXPECT_FALSE(Storage_Catalog_Utils::replicate_lanfree_metadata(OTHER, 0, LOCAL, PEER));
-  EXPECT_TRUE(log.contains(LM_ERROR, "there is no such catalog")) << log.dump();
 }
 
 TEST_F(StorageCatalog, AccessKeyFiles) {

@@ -4,9 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
-
-#include "backup/pools/scsipool/filesystem_factory.h"
 #include "platform/base/file.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
@@ -50,35 +47,6 @@ TEST(Create_And_Pad_File, failures) {
   ASSERT_TRUE(platform::write_file_atomically(dir / "file", "", 0600));
   EXPECT_FALSE(create_and_pad_file((dir / "file/x").c_str(), 1, true));
   EXPECT_TRUE(log.contains(LM_ERROR, "Failed to mkdir ")) << log.dump();
-}
-
-TEST(Generate_Uuid, begins_with_two_letters) {
-  for (int i = 0; i < 300; ++i) {
-    std::string uuid;
-    ASSERT_TRUE(generate_uuid(uuid));
-    EXPECT_EQ(uuid.size(), 36u);
-    EXPECT_GE(uuid.find_first_not_of("abcdef"), 2u) << uuid;
-  }
-}
-
-TEST(Filesystem_Type, names_and_values) {
-  EXPECT_EQ(fs_type_to_value("zfs", -1), FS_ZFS);
-  EXPECT_EQ(fs_type_to_value("zfsx", 3), FS_ZFS);
-  for (const char* bad : {"ZFS", "zf", "zfsx", ""})
-    EXPECT_EQ(fs_type_to_value(bad, -1), FS_UNKNOWN) << bad;
-  EXPECT_STREQ(fs_value_to_type(FS_BTRFS), "btrfs");
-  EXPECT_EQ(fs_value_to_type(FS_UNKNOWN), nullptr);
-}
-
-TEST(Filesystem_Factory, refuses_what_it_does_not_know) {
-  Log_Capture log;
-  EXPECT_EQ(Filesystem_Factory::create(FS_UNKNOWN, "p1"), nullptr);
-  EXPECT_EQ(Filesystem_Factory::create(FS_TYPE(7), "b", "m"), nullptr);
-  EXPECT_EQ(log.count(LM_ERROR), 2u);
-  EXPECT_TRUE(log.has(LM_ERROR, "Not suport filesystem type\n"));
-  EXPECT_EQ(Filesystem_Factory::create(FS_ZFS, "b", ""), nullptr);
-  EXPECT_TRUE(log.contains(LM_EMERGENCY, "mount_point is NULL or \"\":"));
-  EXPECT_NE(Filesystem_var(Filesystem_Factory::create(FS_BTRFS, "p1")), nullptr);
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "platform/zfs/zfs_host.h"
 #include "platform/zfs/zfs_tool.h"
 #include "tests/support/log_capture.h"
@@ -47,33 +45,6 @@ TEST_F(Zfs_Dataset, One_Run_Answers_All_Reads) {
   EXPECT_FALSE(dataset.get_prop("compressratio", guid, true)) << "1.00 is no integer";
 }
 
-TEST_F(Zfs_Dataset, A_Snapshot_Is_Readonly_And_Is_No_Clone) {
-  Scripted_Tools tools({"zfs"});
-  tools.expect(GET + "pa/v1@s1").output(recorded("get-all-snapshot.txt"));
-  ZFS_Dataset dataset("pa/v1@s1", false);
-  dataset.open_when_needed();
-  EXPECT_TRUE(tools.commands().empty());
-  bool readonly = false;
-  std::string origin;
-  EXPECT_TRUE(dataset.get_prop("readonly", readonly, true));
-  EXPECT_TRUE(readonly);
-  EXPECT_TRUE(dataset.get_prop("origin", origin, true));
-  EXPECT_EQ(origin, "-");
-}
-
-TEST_F(Zfs_Dataset, A_Property_Outside_All_Is_Read_By_Its_Name) {
-  Scripted_Tools tools({"zfs"});
-  tools.expect(GET + "pa/v1").output(recorded("get-all-volume.txt"));
-  tools.expect("zfs get -Hp -o property,value my:x pa/v1").output(recorded("get-unset-user-property.txt"));
-  ZFS_Dataset dataset("pa/v1", true);
-  ASSERT_TRUE(dataset.open());
-  std::string value;
-  EXPECT_TRUE(dataset.get_prop("my:x", value, true));
-  EXPECT_EQ(value, "-");
-  EXPECT_TRUE(dataset.get_prop("my:x", value, true));
-  EXPECT_FALSE(dataset.get_prop("-o name", value, true)) << "no option may slip in";
-}
-
 TEST_F(Zfs_Dataset, A_Write_Ends_What_Was_Read) {
   Scripted_Tools tools({"zfs"});
   tools.expect(GET + "pa").output("type\tfilesystem\nmountpoint\tnone\n");
@@ -105,20 +76,6 @@ TEST_F(Zfs_Dataset, Values_Are_Written_As_Zfs_Takes_Them) {
   EXPECT_FALSE(dataset.set_prop("-r", "x", true));
 }
 
-TEST_F(Zfs_Dataset, Several_Are_Set_At_Once_And_The_Refused_One_Is_Named) {
-  Scripted_Tools tools({"zfs"});
-  tools.expect("zfs set dedup=off sync=standard checksum=on pa/v1");
-  tools.expect("zfs set dedup=off sync=never checksum=on pa/v1").status(1).errors("cannot set property\n");
-  tools.expect("zfs set dedup=off pa/v1");
-  tools.expect("zfs set sync=never pa/v1").status(1).errors("cannot set property\n");
-  ZFS_Dataset dataset("pa/v1", true);
-  dataset.open_when_needed();
-  std::string failed;
-  EXPECT_TRUE(dataset.set_props({{"dedup", "off"}, {"sync", "standard"}, {"checksum", "on"}}, failed));
-  EXPECT_FALSE(dataset.set_props({{"dedup", "off"}, {"sync", "never"}, {"checksum", "on"}}, failed));
-  EXPECT_EQ(failed, "sync");
-}
-
 TEST_F(Zfs_Dataset, What_Is_Missing_Is_Said) {
   Scripted_Tools tools({"zfs"});
   ZFS_Dataset dataset("pa/none", true);
@@ -138,14 +95,6 @@ TEST_F(Zfs_Dataset, What_Is_Missing_Is_Said) {
   EXPECT_TRUE(log_.contains(LM_ERROR, "the ZFS kernel module is not loaded")) << log_.dump();
 }
 
-TEST_F(Zfs_Dataset, A_Missing_Tool_Is_Said) {
-  const std::string old_path = std::getenv("PATH");
-  setenv("PATH", proc_.path().c_str(), 1);
-  EXPECT_FALSE(ZFS_Dataset("pa", false).open());
-  setenv("PATH", old_path.c_str(), 1);
-  EXPECT_TRUE(log_.contains(LM_ERROR, "the tool 'zfs' is not installed")) << log_.dump();
-}
-
 TEST_F(Zfs_Dataset, A_Tool_That_Hangs_Is_Ended) {
   Scripted_Tools tools({"zpool"});
   tools.expect("zpool list").runs("sleep 60");
@@ -153,16 +102,6 @@ TEST_F(Zfs_Dataset, A_Tool_That_Hangs_Is_Ended) {
   EXPECT_FALSE(zfs::run_tool({"zpool", "list"}, 1, result));
   EXPECT_TRUE(result.timed_out);
   EXPECT_NE(zfs::failure_words({"zpool"}, result).find("did not answer"), std::string::npos);
-}
-
-TEST_F(Zfs_Dataset, Of_A_Pool_That_Is_Not_Imported_Nothing_Is_Run) {
-  Scripted_Tools tools({"zfs"});
-  ASSERT_EQ(std::system(("mkdir -p '" + (proc_ / "spl/kstat/zfs/other pool") + "'").c_str()), 0);
-  EXPECT_EQ(zfs::pool_presence("other pool"), zfs::Pool_Presence::imported);
-  ZFS_Dataset dataset("pa/v1@s1", true);
-  dataset.open_when_needed();
-  EXPECT_FALSE(dataset);
-  EXPECT_TRUE(tools.commands().empty());
 }
 
 }  // namespace

@@ -80,18 +80,6 @@ TEST_F(Zfs_Host, Links_Of_Partitions_Are_No_Volumes) {
   EXPECT_TRUE(zfs::linked_volumes("none").empty());
 }
 
-TEST_F(Zfs_Host, Waits_End_With_The_Event_Or_The_Limit) {
-  using Clock = std::chrono::steady_clock;
-  zfs::host_paths().is_device = [](const std::string& path) { return access(path.c_str(), F_OK) == 0; };
-  shell("(sleep 0.3; touch device) &");
-  const Clock::time_point start = Clock::now();
-  EXPECT_TRUE(zfs::wait_for_device(dir_ / "device", 20));
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(10)) << "not the whole limit";
-  EXPECT_FALSE(zfs::wait_for_device(dir_ / "none", 0));
-  EXPECT_FALSE(zfs::wait_until_gone(dir_ / "device", 100));
-  EXPECT_TRUE(zfs::wait_until_gone(dir_ / "none", 0));
-}
-
 TEST_F(Zfs_Host, A_Plain_File_Is_No_Device) {
   shell("touch plain && ln -s plain link");
   EXPECT_FALSE(zfs::is_volume_device(dir_ / "link"));

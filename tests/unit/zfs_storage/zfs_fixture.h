@@ -35,13 +35,6 @@ class Zfs_Fixture : public testing::Test {
     return "rm '" + (host_ / ("zvol/" + dataset)) + "'";
   }
 
-  // The stages of a pipe start at once: lets the receiver come second, as the expectations stand.
-  void delay_receivers() const {
-    shell("mkdir late && printf '#!/bin/sh\\n[ \"$1\" = receive ] && sleep 0.3\\nexec \"" + tools_.folder() +
-          "/zfs\" \"$@\"\\n' > late/zfs && chmod +x late/zfs");
-    setenv("PATH", (host_ / "late:" + std::getenv("PATH")).c_str(), 1);
-  }
-
   static std::string recorded(const std::string& name) { return recording("zfs-2.1.11/" + name); }
   static std::string get_all(const std::string& dataset) {
     return "zfs get -Hp -o property,value all " + dataset;
