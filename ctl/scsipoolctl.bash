@@ -11,7 +11,8 @@ _scsipoolctl_ask() {
     esac
   done
   timeout 3 scsipoolctl "${options[@]}" --json "$@" 2>/dev/null </dev/null |
-    sed -n "s/^ *\"$member\": \"\\([^\"\\\\ ]*\\)\",\\{0,1\\}\$/\\1/p"
+    sed -n "s/^ *\"$member\": \"\\([^\"\\\\ ]*\\)\",\\{0,1\\}\$/\\1/p" |
+    grep -v '[][$`(){}<>;&|*?!~'"'"']' # the shell would expand what another host has sent
 }
 
 # The commands and their options: "area command" (or "area group command") first, then what may follow. Words in

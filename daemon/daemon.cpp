@@ -135,6 +135,14 @@ class Services_Guard {
   Database_Event_Sink sink_;
 };
 
+// Jobs use the module: their worker ends before it, whatever ends the daemon.
+struct Worker_Guard {
+  Worker_Guard() = default;
+  ~Worker_Guard() { stop_replication_worker(); }
+  Worker_Guard(const Worker_Guard&) = delete;
+  Worker_Guard& operator=(const Worker_Guard&) = delete;
+};
+
 bool serve(Context& context, const Router& router) {
   HTTP_Server server;
   Receive_Handler receive(context);
@@ -173,6 +181,7 @@ bool run(const Config& config) {
   run_steps(steps_before_service(), context);
   const Service_Guard service(config.module);
   if (!service) return false;
+  const Worker_Guard worker;
   run_steps(steps_after_service(), context);
   Router router;
   add_all_handlers(router, context);

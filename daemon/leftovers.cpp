@@ -11,6 +11,7 @@
 #include <memory>
 #include <set>
 
+#include "backup/pools/scsipool/btrfs_filesystem.h"
 #include "backup/pools/scsipool/scsi_pool_backstore_factory.h"
 #include "backup/pools/scsipool/scsi_pool_sqlite_manager.h"
 #include "backup/pools/scsipool/zfs_import.h"
@@ -30,6 +31,7 @@ using scsi_pool::SCSI_Pool_Sqlite_Manager;
 namespace {
 
 const char BACKING_FOLDER[] = "/orbistor/scsipool_backstore";
+const char MOUNT_FOLDER[] = "/orbistor/scsipool/";
 
 // A link by the name of a pool is not this system's either.
 bool plain_file(const std::string& path) {
@@ -113,6 +115,15 @@ bool forget_saved_exports(const std::string& pool_id) {
   });
 }
 
+// A mount that lost its file, and the entry that the next boot would stop at.
+bool forget_mount(const std::string& pool_id) {
+  const std::string folder = MOUNT_FOLDER + pool_id;
+  scsi_pool::Btrfs_Filesystem mount(backing_file(pool_id).c_str(), folder.c_str());
+  if (!mount.umount() || !mount.edit_fstab(true, nullptr)) return false;
+  ::rmdir(folder.c_str());
+  return true;
+}
+
 }  // namespace
 
 std::string backing_file(const std::string& pool_id) {
@@ -181,6 +192,9 @@ bool forget_filesystems(SCSI_Pool_Sqlite_Manager& catalog, const std::string& po
 bool forget_pool(SCSI_Pool_Sqlite_Manager& catalog, const std::string& pool_id) {
   if (platform::path_exists(backing_file(pool_id))) {
     return LOG_FAILURE("Failed to forget pool '%s': its backing file is there\n", pool_id.c_str());
+  }
+  if (!forget_mount(pool_id)) {
+    return LOG_FAILURE("Failed to forget pool '%s': it is still mounted or in /etc/fstab\n", pool_id.c_str());
   }
   if (!forget_saved_exports(pool_id) || !forget_volumes(catalog, pool_id) ||
       !forget_filesystems(catalog, pool_id) || !catalog.del_pool(pool_id)) {

@@ -81,6 +81,9 @@ Reply create_lun(Context& context, const Request& request) {
     return reply;
   if (!creation.lun_id.empty() && context.catalog.lun_exist(creation.pool_id, creation.lun_id))
     return refusal(409, "there is a LUN '" + creation.lun_id + "' already");
+  if (!creation.snapshot_id.empty() &&
+      !find_snapshot(context, creation.pool_id, creation.snapshot_id, true, reply))
+    return reply;
   request.log->clear();
   ACE_UINT16 lun_num = 0;
   const bool made = creation.snapshot_id.empty()

@@ -7,6 +7,7 @@
 
 #include "daemon/receive_handler.h"
 #include "platform/database/legacy_manager.h"
+#include "platform/http/transport.h"
 #include "platform/services/host_manager.h"
 
 namespace scsipoold {
@@ -50,6 +51,12 @@ bool load_credentials(const Config& config, std::string& error) {
     return false;
   }
   std::string why;
+  const bool has_certificate = !config.tls_certificate.empty() && !config.tls_key.empty();
+  if (has_certificate && !http_transport::server_context(config.tls_certificate, config.tls_key, why))
+    return bad_member("tls.certificate", why, error);
+  if (!config.tls_ca.empty() && !http_transport::usable_ca_file(config.tls_ca, why))
+    return bad_member("tls.ca", why, error);
+  if (!readable("module.svc_conf", config.module.svc_conf, error)) return false;
   const std::string& catalog_key = config.catalog_key_file;
   if (!catalog_key.empty() && !database::sql::Legacy_Manager::usable_key_file(catalog_key, why))
     return bad_member("catalog_key_file", catalog_key + ": " + why, error);

@@ -25,6 +25,7 @@ class HTTP_Connection {
   bool serve(const std::atomic<bool>& stopping);
 
   http_transport::Transport& transport() { return transport_; }
+  bool local() const { return origin_.local; }
 
  private:
   class Exchange;

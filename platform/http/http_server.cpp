@@ -59,11 +59,13 @@ class HTTP_Server::Impl {
  private:
   void watch();
   std::vector<pollfd> entries();
-  bool has_room();
+  bool has_room(bool local);
   void take_returned();
   void look_at_waiting(const std::vector<pollfd>& entries);
   void accept_from(const HTTP_Listener& listener);
-  void work();
+  void work(bool local_only);
+  bool take_ready(bool local_only, Connection& connection);
+  void make_ready(const Connection& connection);
   void wake();
 
   HTTP_Server_Options options_;
@@ -76,10 +78,11 @@ class HTTP_Server::Impl {
   std::vector<Waiting> waiting_;  // the watcher's own
 
   std::atomic<bool> stopping_{false};
-  std::mutex mutex_;               // of what follows
-  std::condition_variable work_;   // for the workers: a connection is ready, or closed_
-  std::condition_variable ended_;  // for stop(): a request has ended
-  std::deque<Connection> ready_;
+  std::mutex mutex_;                    // of what follows
+  std::condition_variable work_;        // for the workers: a connection is ready, or closed_
+  std::condition_variable local_work_;  // the same for the workers of the Unix socket
+  std::condition_variable ended_;       // for stop(): a request has ended
+  std::deque<Connection> ready_, local_ready_;
   std::vector<Connection> returned_;
   std::set<Connection> active_;
   bool closed_ = false;  // no more work will come
@@ -104,7 +107,10 @@ bool HTTP_Server::Impl::start(const HTTP_Server_Options& options, Handler handle
   closed_ = false;
   watcher_ = std::thread([this] { watch(); });
   for (unsigned i = 0; i < std::max(1u, options_.workers); ++i)
-    workers_.emplace_back([this] { work(); });
+    workers_.emplace_back([this] { work(false); });
+  // Whoever keeps the others busy from the network, the administrator still gets in.
+  for (unsigned i = 0; !options_.unix_socket.empty() && i < options_.local_workers; ++i)
+    workers_.emplace_back([this] { work(true); });
   return true;
 }
 
@@ -133,9 +139,10 @@ void HTTP_Server::Impl::take_returned() {
     waiting_.push_back({connection, Clock::now() + std::chrono::seconds(options_.idle_timeout)});
 }
 
-bool HTTP_Server::Impl::has_room() {
+bool HTTP_Server::Impl::has_room(bool local) {
   std::lock_guard<std::mutex> guard(mutex_);
-  return waiting_.size() + ready_.size() + active_.size() + returned_.size() < options_.max_connections;
+  const std::size_t most = options_.max_connections + (local ? options_.local_workers : 0);
+  return waiting_.size() + ready_.size() + local_ready_.size() + active_.size() + returned_.size() < most;
 }
 
 // The event descriptor first, the waiting connections next, the listeners last.
@@ -143,10 +150,30 @@ std::vector<pollfd> HTTP_Server::Impl::entries() {
   std::vector<pollfd> entries{{wake_fd_, POLLIN, 0}};
   for (const Waiting& one : waiting_)
     entries.push_back({one.connection->transport().fd(), POLLIN, 0});
-  const bool room = has_room();
   for (const HTTP_Listener& listener : listeners_)
-    entries.push_back({listener.fd(), static_cast<short>(room ? POLLIN : 0), 0});
+    entries.push_back({listener.fd(), static_cast<short>(has_room(listener.local()) ? POLLIN : 0), 0});
   return entries;
+}
+
+void HTTP_Server::Impl::make_ready(const Connection& connection) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  if (connection->local()) {
+    local_ready_.push_back(connection);
+    local_work_.notify_one();
+  } else {
+    ready_.push_back(connection);
+  }
+  work_.notify_one();
+}
+
+// The lock is held. False when there is none.
+bool HTTP_Server::Impl::take_ready(bool local_only, Connection& connection) {
+  std::deque<Connection>& from = local_only || !local_ready_.empty() ? local_ready_ : ready_;
+  if (from.empty()) return false;
+  connection = from.front();
+  from.pop_front();
+  active_.insert(connection);
+  return true;
 }
 
 void HTTP_Server::Impl::look_at_waiting(const std::vector<pollfd>& entries) {
@@ -154,9 +181,7 @@ void HTTP_Server::Impl::look_at_waiting(const std::vector<pollfd>& entries) {
   const auto now = Clock::now();
   for (std::size_t i = 0; i < waiting_.size(); ++i) {
     if (entries[i + 1].revents != 0) {
-      std::lock_guard<std::mutex> guard(mutex_);
-      ready_.push_back(waiting_[i].connection);
-      work_.notify_one();
+      make_ready(waiting_[i].connection);
     } else if (now < waiting_[i].until) {
       kept.push_back(waiting_[i]);
     } else {
@@ -187,14 +212,14 @@ void HTTP_Server::Impl::watch() {
   waiting_.clear();
 }
 
-void HTTP_Server::Impl::work() {
+void HTTP_Server::Impl::work(bool local_only) {
+  std::condition_variable& work = local_only ? local_work_ : work_;
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    work_.wait(lock, [this] { return closed_ || !ready_.empty(); });
-    if (ready_.empty()) return;
-    const Connection connection = ready_.front();
-    ready_.pop_front();
-    active_.insert(connection);
+    Connection connection;
+    bool taken = false;
+    work.wait(lock, [&] { return (taken = take_ready(local_only, connection)) || closed_; });
+    if (!taken) return;
     lock.unlock();
     const bool keep = connection->serve(stopping_);
     lock.lock();
@@ -215,12 +240,14 @@ void HTTP_Server::Impl::stop(unsigned grace_seconds) {
   {
     std::unique_lock<std::mutex> lock(mutex_);
     ended_.wait_for(lock, std::chrono::seconds(grace_seconds),
-                    [this] { return active_.empty() && ready_.empty(); });
+                    [this] { return active_.empty() && ready_.empty() && local_ready_.empty(); });
     for (const Connection& connection : active_)
       connection->transport().cut();
     ready_.clear();
+    local_ready_.clear();
     closed_ = true;
     work_.notify_all();
+    local_work_.notify_all();
   }
   for (std::thread& worker : workers_)
     worker.join();

@@ -72,8 +72,9 @@ struct HTTP_Server_Options {
   std::vector<HTTP_Listen_Address> addresses;
   std::string unix_socket;  // path; empty = none. Mode 0600; peers other than root and the server's own user
                             // are refused
-  unsigned workers = 16;
-  unsigned max_connections = 512;           // further ones wait unaccepted
+  unsigned workers = 64;
+  unsigned local_workers = 4;      // further ones, and as much further room, for the Unix socket alone
+  unsigned max_connections = 512;  // further ones wait unaccepted
   std::size_t max_body = 16 * 1024 * 1024;  // bytes of a body that is taken whole
   unsigned header_timeout = 30;             // seconds, for handshake and header each
   unsigned body_timeout = 120;              // seconds, for a body that is taken whole

@@ -249,6 +249,14 @@ Ssl_Context server_context(const std::string& certificate_file, const std::strin
   return context;
 }
 
+bool usable_ca_file(const std::string& path, std::string& error) {
+  const Ssl_Context context = new_context(TLS_client_method());
+  if (context != nullptr && SSL_CTX_load_verify_locations(context.get(), path.c_str(), nullptr) == 1)
+    return true;
+  error = "cannot read the certificates of '" + path + "': " + openssl_errors();
+  return false;
+}
+
 bool Transport::connect_tls(const TLS_Settings& settings, const std::string& host, Clock::time_point limit,
                             bool& certificate_refused) {
   certificate_refused = false;

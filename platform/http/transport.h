@@ -99,6 +99,9 @@ std::unique_ptr<Transport> connect_unix(const std::string& path, unsigned timeou
 Ssl_Context server_context(const std::string& certificate_file, const std::string& key_file,
                            std::string& error);
 
+// Whether certificates can be read from the file. False with the reason in `error`.
+bool usable_ca_file(const std::string& path, std::string& error);
+
 // The pending errors of OpenSSL as text, forgotten afterwards.
 std::string openssl_errors();
 

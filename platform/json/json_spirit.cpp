@@ -101,7 +101,33 @@ const Array* get_array(const Value& value) {
 
 }  // namespace json_spirit
 
+namespace {
+
+// Values are copied, written and destroyed by recursion: a deep one, from whoever may send text, ends the
+// stack.
+bool too_deep(const std::string& text) {
+  constexpr int DEEPEST = 256;
+  int depth = 0;
+  bool quoted = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (quoted && c == '\\') {
+      ++i;
+    } else if (c == '"') {
+      quoted = !quoted;
+    } else if (!quoted && (c == '[' || c == '{')) {
+      if (++depth > DEEPEST) return true;
+    } else if (!quoted && (c == ']' || c == '}')) {
+      --depth;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
 bool loads_json(const std::string& text, json_spirit::Value& value) {
+  if (too_deep(text)) return false;
   json_spirit::Value parsed = json_spirit::Value::parse(text, nullptr, false);
   if (parsed.is_discarded()) return false;
   value = std::move(parsed);

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "platform/base/file.h"
@@ -36,6 +37,9 @@ class Context {
   bool ensure_fabric(const Fabric& fabric);
   // A Fibre Channel target is a port of this machine. True for other fabrics.
   bool ensure_port(const Fabric& fabric, const std::string& name);
+  // The folders of the LUNs that were made here and whose group has not been enabled since: those of an
+  // export that a crash cut short are not among them. Under the change lock.
+  std::set<std::string>& unsettled() { return unsettled_; }
   // Alters the record and saves it. On failure the record is read again before the next change.
   bool save(const std::function<void(Record&)>& alter);
   // The same for what a crash may forget because it counts as a leftover then: inside a change of several
@@ -55,6 +59,7 @@ class Context {
   LIO_Options options_;
   std::shared_ptr<Configfs> tree_;
   Saved_File saved_;
+  std::set<std::string> unsettled_;
   std::recursive_mutex mutex_;
   unsigned depth_ = 0;
   bool unsaved_ = false;

@@ -50,6 +50,7 @@ bool Group::create_lun(const std::string& backstore, bool map_to_all, unsigned& 
                       if (target.mode == Mode::fresh && demo_mode()) target.mode = Mode::demo;
                     });
   FAULT_POINT("lio.lun_saved");
+  if (good) context_->unsettled().insert(lun_folder(path_, number));
   if (!good) remove_lun(tree(), path_, number);
   return good;
 }
@@ -104,6 +105,7 @@ bool Group::destroy_lun(unsigned number, const std::string& backstore, bool keep
                        number, path_.c_str(), there.c_str(), backstore.c_str());
   Backstores backstores(context_);
   if (!remove_lun(tree(), path_, number)) return false;
+  context_->unsettled().erase(lun_folder(path_, number));
   const bool shared = keep_backstore || !users_of(*context_, backstore).empty();
   if (!shared && !backstores.remove(backstore)) return false;
   return save([&](Saved_Target& target) {

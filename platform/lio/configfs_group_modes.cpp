@@ -35,9 +35,12 @@ bool Group::make() {
   const bool known = saved != nullptr;
   if (known && exists()) return true;
   const Mode mode = known && saved->has_settled() ? saved->mode : Mode::fresh;
+  const bool there = exists();
   if (!save([](Saved_Target&) {})) return false;
   FAULT_POINT("lio.target_saved");
   if (make_in_kernel() && bring_to(mode)) return true;
+  // Half set it would pass for the whole the next time.
+  if (!there && exists()) remove_group(tree(), path_);
   if (!known) context_->save([&](Record& record) { record.drop_target(fabric_.type, target_, 0); });
   return false;
 }
@@ -168,10 +171,10 @@ bool Group::enabled() const {
 bool Group::enable(bool on) {
   const Change change(context_);
   if (!change.held() || !enable_in_kernel(on)) return false;
-  return save([on](Saved_Target& target) {
+  return save([&](Saved_Target& target) {
     target.enabled = on;
     for (auto& lun : target.luns)
-      lun.second.settled = lun.second.settled || on;
+      if (on && context_->unsettled().erase(lun_folder(path_, lun.first)) != 0) lun.second.settled = true;
   });
 }
 

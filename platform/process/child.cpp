@@ -8,10 +8,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <utility>
+
+#include "platform/base/log.h"
 
 namespace platform {
 
@@ -19,6 +22,30 @@ namespace {
 
 constexpr int FOR_EVER = -1;
 constexpr int UNKNOWN_STATUS = 255;
+constexpr std::chrono::seconds AFTER_KILL(5);
+
+// Killed processes that wait in the kernel for a device that does not answer. They are reaped when they have
+// ended, as other children start.
+class Hanging {
+ public:
+  static Hanging& instance() {
+    static Hanging hanging;
+    return hanging;
+  }
+  void add(pid_t pid) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    pids_.push_back(pid);
+  }
+  void reap() {
+    const std::lock_guard<std::mutex> guard(lock_);
+    const auto ended = [](pid_t pid) { return ::waitpid(pid, nullptr, WNOHANG) != 0; };
+    pids_.erase(std::remove_if(pids_.begin(), pids_.end(), ended), pids_.end());
+  }
+
+ private:
+  std::mutex lock_;
+  std::vector<pid_t> pids_;
+};
 
 // The words of a command line. Blanks part them; quotes of either kind keep a word together and are dropped.
 std::vector<std::string> split_words(const char* line) {
@@ -182,6 +209,7 @@ std::shared_ptr<Child> Child::start_shell(const std::string& command, bool c_loc
 std::shared_ptr<Child> Child::spawn(const char* program, char* const argv[],
                                     const std::vector<std::string>& environment, const char* folder,
                                     const Handles& handles) {
+  Hanging::instance().reap();
   std::vector<std::string> entries = environment;
   Spawn_Plan plan;
   pid_t pid = -1;
@@ -231,16 +259,28 @@ void Child::terminate(std::chrono::milliseconds grace) {
 
 // The id is the child's own until it is reaped, so both the kill and the reaping happen under the lock.
 int Child::reap(bool kill_group) {
+  if (kill_group) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    if (reaped_) return status_;
+    ::kill(-pid_, SIGKILL);
+  }
+  const bool ended = wait_readable(pidfd_.get(), AFTER_KILL);
   const std::lock_guard<std::mutex> guard(lock_);
   if (reaped_) return status_;
-  if (kill_group) ::kill(-pid_, SIGKILL);
+  reaped_ = true;
+  status_ = UNKNOWN_STATUS;
+  if (!ended) {
+    LOG_NOTICE("Process %d does not end, although it was killed: it hangs in the kernel\n",
+               static_cast<int>(pid_));
+    Hanging::instance().add(pid_);
+    return status_;
+  }
   int status = 0;
   pid_t got;
   do {
     got = ::waitpid(pid_, &status, 0);
   } while (got == -1 && errno == EINTR);
-  reaped_ = true;
-  status_ = got == pid_ ? decode(status) : UNKNOWN_STATUS;
+  if (got == pid_) status_ = decode(status);
   return status_;
 }
 

@@ -35,7 +35,10 @@ CREATE TABLE unsettled_snapshot (pool_uuid TEXT NOT NULL, lun INTEGER NOT NULL, 
 CREATE TABLE new_catalog (id INTEGER PRIMARY KEY AUTOINCREMENT, uuid TEXT NOT NULL, pool_uuid TEXT NOT NULL,
                           snapshot_id TEXT NOT NULL, extended_attrs TEXT NOT NULL, ctime INTEGER NOT NULL,
                           UNIQUE (uuid, pool_uuid));
-INSERT INTO new_catalog SELECT id, uuid, pool_uuid, snapshot_id, extended_attrs, ctime FROM pool_catalog;
+INSERT INTO new_catalog SELECT id, uuid, pool_uuid, lower(snapshot_id),
+  replace(extended_attrs, snapshot_id, lower(snapshot_id)), ctime FROM pool_catalog WHERE length(snapshot_id) = 36;
+INSERT INTO new_catalog SELECT id, uuid, pool_uuid, snapshot_id, extended_attrs, ctime
+  FROM pool_catalog WHERE length(snapshot_id) <> 36;
 DROP TABLE pool_catalog;
 ALTER TABLE new_catalog RENAME TO pool_catalog;
 CREATE INDEX pool_catalog_pool ON pool_catalog (pool_uuid, snapshot_id);

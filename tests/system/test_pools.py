@@ -124,6 +124,7 @@ class Pool_Life(System_Test):
         self.ctl(daemon, "pool", "delete", "lost", "--yes", status=1)
         self.ctl(daemon, "pool", "delete", "lost", "--yes", "--force")
         self.assertEqual([], daemon.request("GET", "/svc/r/health")[1]["pools"])
+        self.assert_nothing_left()
 
     def test_a_pool_that_is_not_mounted_takes_nothing(self):
         """Where /orbistor is on Btrfs itself, the tools would work on it instead."""

@@ -126,7 +126,7 @@ TEST_F(Zfs_Driver, Lun_Life) {
   EXPECT_TRUE(readonly);
   EXPECT_GT(rfer, 0u);
   Snapshot_Sizes sizes;
-  EXPECT_EQ(lun->get_snapshot_sizes(sizes), Sizes_Read::TOLD);
+  EXPECT_EQ(ZFS_Filesystem("", "zt").get_snapshot_sizes("v1", sizes), Sizes_Read::TOLD);
   EXPECT_EQ(sizes.size(), 1u);
   EXPECT_TRUE(sizes["s1"].excl == excl && sizes["s1"].rfer == rfer);
   ASSERT_TRUE(write_first("v1", "two"));

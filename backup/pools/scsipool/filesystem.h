@@ -43,6 +43,12 @@ class Filesystem {
   virtual Sub_Filesystem* get_sub_filesystem(const char* name) const = 0;
   virtual bool sub_filesystem_exist(const char* name) const = 0;
 
+  // Adds the sizes of all snapshots of a volume or sub filesystem, measured with one run of a tool, whose
+  // failure is logged.
+  virtual Sizes_Read get_snapshot_sizes(const std::string&, Snapshot_Sizes&) const {
+    return Sizes_Read::NO_TOOL;
+  }
+
   // The longest wait, in seconds, for the device node of a new volume; 0 takes the driver's default.
   void check_block_dev_timeout(unsigned int timeout) { check_block_dev_timeout_ = timeout; }
 

@@ -65,22 +65,25 @@ Snapshot_var SCSI_Pool_Backstore_Manager::filesystem_snapshot(const std::string&
   return Snapshot_var(parent ? parent->get_snapshot(name.c_str()) : nullptr);
 }
 
+void SCSI_Pool_Backstore_Manager::pick(const Snapshot_Sizes& all, const std::set<std::string>& names,
+                                       const char* what, Snapshot_Sizes& sizes) {
+  for (const std::string& one : names) {
+    const auto found = all.find(one);
+    if (found != all.end()) {
+      sizes.insert(*found);
+    } else {
+      LOG_FAILURE("%s", what);
+    }
+  }
+}
+
 template <typename Dataset>
-bool SCSI_Pool_Backstore_Manager::measure(const Dataset* parent, const std::string& name,
+void SCSI_Pool_Backstore_Manager::measure(const Dataset* parent, const std::string& name,
                                           const std::set<std::string>& names, const char* what,
                                           Snapshot_Sizes& sizes) const {
-  Snapshot_Sizes all;
-  const bool several = parent != nullptr && names.size() > 1;
-  const Sizes_Read read = several ? parent->get_snapshot_sizes(all) : Sizes_Read::NO_TOOL;
-  if (read == Sizes_Read::NO_ANSWER) return false;
-  const bool together = read == Sizes_Read::TOLD;
   for (const std::string& one : names) {
     if (!usable({&one})) continue;
-    if (together && all.count(one) != 0) {
-      sizes[one] = all[one];
-      continue;
-    }
-    const Snapshot_var found(parent != nullptr && !together ? parent->get_snapshot(one.c_str()) : nullptr);
+    const Snapshot_var found(parent != nullptr ? parent->get_snapshot(one.c_str()) : nullptr);
     Snapshot_Size size;
     if (!found) {
       LOG_FAILURE("%s", what);
@@ -91,13 +94,12 @@ bool SCSI_Pool_Backstore_Manager::measure(const Dataset* parent, const std::stri
                   one.c_str(), pool_id_.c_str());
     }
   }
-  return true;
 }
 
-template bool SCSI_Pool_Backstore_Manager::measure(const Sub_Volume*, const std::string&,
+template void SCSI_Pool_Backstore_Manager::measure(const Sub_Volume*, const std::string&,
                                                    const std::set<std::string>&, const char*,
                                                    Snapshot_Sizes&) const;
-template bool SCSI_Pool_Backstore_Manager::measure(const Sub_Filesystem*, const std::string&,
+template void SCSI_Pool_Backstore_Manager::measure(const Sub_Filesystem*, const std::string&,
                                                    const std::set<std::string>&, const char*,
                                                    Snapshot_Sizes&) const;
 

@@ -155,9 +155,11 @@ class SCSIPOOL_Export SCSI_Pool_Backstore_Manager {
   Sub_Filesystem_var sub_filesystem(const std::string& name) const;
   Snapshot_var volume_snapshot(const std::string& volume_name, const std::string& name) const;
   Snapshot_var filesystem_snapshot(const std::string& filesystem_name, const std::string& name) const;
-  // `what` is the message for one that cannot be opened.
+  // `what` is the message for one that is not there or cannot be opened.
+  static void pick(const Snapshot_Sizes& all, const std::set<std::string>& names, const char* what,
+                   Snapshot_Sizes& sizes);
   template <typename Dataset>
-  bool measure(const Dataset* parent, const std::string& name, const std::set<std::string>& names,
+  void measure(const Dataset* parent, const std::string& name, const std::set<std::string>& names,
                const char* what, Snapshot_Sizes& sizes) const;
 };
 

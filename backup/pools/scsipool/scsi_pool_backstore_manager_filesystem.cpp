@@ -191,9 +191,13 @@ bool SCSI_Pool_Backstore_Manager::get_filesystem_snapshot_size(const std::string
 bool SCSI_Pool_Backstore_Manager::get_filesystem_snapshot_sizes(const std::string& name,
                                                                 const std::set<std::string>& snapshot_ids,
                                                                 Snapshot_Sizes& sizes) {
-  return ready({&name}) &&
-         measure(sub_filesystem(name).get(), name, snapshot_ids,
-                 "Failed to get filesystem snasphot size: get snapshot manager object error\n", sizes);
+  const char* const what = "Failed to get filesystem snasphot size: get snapshot manager object error\n";
+  Snapshot_Sizes all;
+  if (!ready({&name})) return false;
+  const Sizes_Read read = fs_mgr_->get_snapshot_sizes(name, all);
+  if (read == Sizes_Read::TOLD) pick(all, snapshot_ids, what, sizes);
+  if (read == Sizes_Read::NO_TOOL) measure(sub_filesystem(name).get(), name, snapshot_ids, what, sizes);
+  return read != Sizes_Read::NO_ANSWER;
 }
 
 bool SCSI_Pool_Backstore_Manager::send_filesystem_snapshot(const std::string& filesystem_name,

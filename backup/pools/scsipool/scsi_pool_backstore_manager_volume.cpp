@@ -174,9 +174,13 @@ bool SCSI_Pool_Backstore_Manager::get_snapshot_size(const std::string& volume_na
 bool SCSI_Pool_Backstore_Manager::get_snapshot_sizes(const std::string& volume_name,
                                                      const std::set<std::string>& names,
                                                      Snapshot_Sizes& sizes) {
-  return ready({&volume_name}) &&
-         measure(volume(volume_name).get(), volume_name, names,
-                 "Failed to get snasphot size: get snapshot manager object error\n", sizes);
+  const char* const what = "Failed to get snasphot size: get snapshot manager object error\n";
+  Snapshot_Sizes all;
+  if (!ready({&volume_name})) return false;
+  const Sizes_Read read = fs_mgr_->get_snapshot_sizes(volume_name, all);
+  if (read == Sizes_Read::TOLD) pick(all, names, what, sizes);
+  if (read == Sizes_Read::NO_TOOL) measure(volume(volume_name).get(), volume_name, names, what, sizes);
+  return read != Sizes_Read::NO_ANSWER;
 }
 
 bool SCSI_Pool_Backstore_Manager::snapshot_exist(const std::string& volume_name, const std::string& name) {

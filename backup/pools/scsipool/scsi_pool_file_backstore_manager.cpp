@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "backup/pools/scsipool/btrfs_filesystem.h"
 #include "backup/pools/scsipool/filesystem_factory.h"
 #include "backup/pools/scsipool/utils.h"
 #include "backup/pools/scsipool/zfs_filesystem.h"
@@ -64,7 +65,7 @@ bool SCSI_Pool_File_Backstore_Manager::destroy() {
     return LOG_FAILURE("Failed to delete %s SCSI pool backstore: backstore does not exist\n",
                        pool_id_.c_str());
   }
-  if (!umount() && !zpool_is_gone()) {
+  if ((!umount() && !zpool_is_gone()) || !drop_fstab_entry()) {
     return LOG_FAILURE("Failed to delete %s SCSI pool backstore: umount backstore error\n", pool_id_.c_str());
   }
   // A pool that is gone already must not keep its file from being removed, but the file of one that is still
@@ -84,6 +85,12 @@ bool SCSI_Pool_File_Backstore_Manager::destroy() {
 bool SCSI_Pool_File_Backstore_Manager::zpool_is_gone() const {
   return dynamic_cast<const ZFS_Filesystem*>(fs_mgr_.get()) != nullptr &&
          zfs::pool_presence(pool_id_) == zfs::Pool_Presence::absent;
+}
+
+// That of a pool which could not be mounted is still there, and the next boot would stop at it.
+bool SCSI_Pool_File_Backstore_Manager::drop_fstab_entry() const {
+  auto* const btrfs = dynamic_cast<Btrfs_Filesystem*>(fs_mgr_.get());
+  return btrfs == nullptr || btrfs->edit_fstab(true, nullptr);
 }
 
 bool SCSI_Pool_File_Backstore_Manager::mount(const FS_Info_Item& info) {

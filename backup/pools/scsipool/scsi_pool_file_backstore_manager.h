@@ -26,6 +26,7 @@ class SCSIPOOL_Export SCSI_Pool_File_Backstore_Manager : public SCSI_Pool_Backst
 
  private:
   bool zpool_is_gone() const;
+  bool drop_fstab_entry() const;
 
  protected:
   std::string backstore_;  // path of the backing file

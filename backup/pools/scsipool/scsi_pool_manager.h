@@ -268,6 +268,7 @@ class SCSIPOOL_Export SCSI_Pool_Manager {
   // Of datasets, from taking a snapshot to its record: two at once would get their numbers in the wrong
   // order.
   platform::Turns snapshot_turns_;
+  platform::Turns trim_turns_;  // of LUNs, while they are unexported to be trimmed
   std::unique_ptr<SCSI_Pool_Sqlite_Manager> sqlite_impl_;
   std::string global_filesystem_type_;
   std::string global_dev_;

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "backup/pools/scsipool/scsi_pool_manager.h"
+#include "backup/pools/scsipool/utils.h"
 #include "platform/base/fault_point.h"
 #include "platform/base/log.h"
 #include "platform/lio/lio.h"
@@ -37,6 +38,8 @@ bool SCSI_Pool_Manager::trim_backstore(const std::string& pool_id, const std::st
   if (!backstore->get_volume_dataset(lun_id, dataset)) {
     return LOG_FAILURE("Failed to trim backstore: get dataset error\n");
   }
+  // Two at once would each find the LUN unexported by the other, and one of them mounted.
+  const platform::Turns::Turn turn(trim_turns_, dataset_key(pool_id, true, lun_id));
   Sub_Volume_Exporter::Export_Info info;
   if (!lun_exported(pool_id, lun_id, info)) {
     return LOG_FAILURE("Failed to trim backstore: get LUN state error\n");

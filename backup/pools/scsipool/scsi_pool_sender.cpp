@@ -83,7 +83,8 @@ bool SCSI_Pool_Sender::wait_for_output() {
   for (;;) {
     if (replication_stopping()) return LOG_FAILURE("Failed to send snapshot: the service is stopping\n");
     pollfd entry{proc_.stdout_handle(), POLLIN, 0};
-    if (::poll(&entry, 1, SLICE) > 0) return true;
+    if (entry.fd == ACE_INVALID_HANDLE || ::poll(&entry, 1, SLICE) > 0)
+      return true;  // or read() tells why not
     if (std::chrono::steady_clock::now() >= end)
       return LOG_FAILURE("Failed to send snapshot: the send process has said nothing for %d seconds\n",
                          static_cast<int>(LONGEST_SILENCE.count()));

@@ -32,8 +32,6 @@ class Sub_Filesystem {
   virtual bool get_info(FS_Info_Item& info) const = 0;
   virtual bool rollback(const char* snapshot_name) = 0;
   virtual bool receive_snapshot(const char* name, bool force, ACE_Process_Ex* proc) = 0;
-  // Adds the sizes of all its snapshots, measured with one run of a tool, whose failure is logged.
-  virtual Sizes_Read get_snapshot_sizes(Snapshot_Sizes&) const { return Sizes_Read::NO_TOOL; }
 };
 
 using Sub_Filesystem_var = std::unique_ptr<Sub_Filesystem>;

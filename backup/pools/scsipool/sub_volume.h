@@ -32,8 +32,6 @@ class Sub_Volume {
   virtual bool snapshot_exist(const char* name) const = 0;
   // Spawns the receiving tool in `proc`, whose standard input takes the stream; the caller feeds and waits.
   virtual bool receive_snapshot(const char* name, bool force, ACE_Process_Ex* proc) = 0;
-  // Adds the sizes of all its snapshots, measured with one run of a tool, whose failure is logged.
-  virtual Sizes_Read get_snapshot_sizes(Snapshot_Sizes&) const { return Sizes_Read::NO_TOOL; }
 };
 
 using Sub_Volume_var = std::unique_ptr<Sub_Volume>;

@@ -41,6 +41,7 @@ class SCSIPOOL_Export ZFS_Filesystem : public Filesystem {
                                        const char* snapshot_id, const FS_Info_Item& info) override;
   Sub_Filesystem* get_sub_filesystem(const char* name) const override;
   bool sub_filesystem_exist(const char* name) const override;
+  Sizes_Read get_snapshot_sizes(const std::string& dataset, Snapshot_Sizes& sizes) const override;
 
   // The value of the property `compression` for a requested one: "off" for none and for what ZFS volumes here
   // do not support (which is logged).

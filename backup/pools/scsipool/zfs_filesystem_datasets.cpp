@@ -294,4 +294,8 @@ bool ZFS_Filesystem::sub_filesystem_exist(const char* name) const {
   return dataset.open();
 }
 
+Sizes_Read ZFS_Filesystem::get_snapshot_sizes(const std::string& dataset, Snapshot_Sizes& sizes) const {
+  return zfs_add_snapshot_sizes(zpool_, dataset, sizes);
+}
+
 }  // namespace scsi_pool

@@ -152,8 +152,4 @@ bool ZFS_Sub_Filesystem::receive_snapshot(const char* name, bool force, ACE_Proc
   return zfs_receive(zpool_, name_, name, force, proc);
 }
 
-Sizes_Read ZFS_Sub_Filesystem::get_snapshot_sizes(Snapshot_Sizes& sizes) const {
-  return zfs_add_snapshot_sizes(zpool_, name_, sizes);
-}
-
 }  // namespace scsi_pool

@@ -32,7 +32,6 @@ class SCSIPOOL_Export ZFS_Sub_Filesystem : public Sub_Filesystem {
   // Only to the newest snapshot.
   bool rollback(const char* snapshot_name) override;
   bool receive_snapshot(const char* name, bool force, ACE_Process_Ex* proc) override;
-  Sizes_Read get_snapshot_sizes(Snapshot_Sizes& sizes) const override;
 
  private:
   const std::string zpool_;

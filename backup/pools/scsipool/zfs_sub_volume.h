@@ -30,7 +30,6 @@ class SCSIPOOL_Export ZFS_Sub_Volume : public Sub_Volume {
   Snapshot* get_snapshot(const char* name) const override;
   bool snapshot_exist(const char* name) const override;
   bool receive_snapshot(const char* name, bool force, ACE_Process_Ex* proc) override;
-  Sizes_Read get_snapshot_sizes(Snapshot_Sizes& sizes) const override;
 
  private:
   const std::string zpool_;

@@ -37,7 +37,9 @@ TEST(Json, accessors_take_exactly_the_type_asked_for) {
 TEST(Json, files_and_text_that_are_no_json_are_refused) {
   const Temp_Dir dir;
   json_spirit::Value value = 5;
-  for (const char* text : {"", "{", "{} x", "{\"a\":}"}) {
+  const std::string deep(100000, '[');  // more than the stack can take apart
+  for (const std::string& text : {std::string(), std::string("{"), std::string("{} x"),
+                                  std::string("{\"a\":}"), deep + std::string(100000, ']')}) {
     ASSERT_TRUE(platform::write_file_atomically(dir / "f", text, 0600));
     EXPECT_FALSE(load_json(dir / "f", value)) << text;
     EXPECT_EQ(errno, EINVAL);

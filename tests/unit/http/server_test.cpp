@@ -179,6 +179,24 @@ TEST(Server, SlowClientsAreDropped) {
     close(fd);
 }
 
+TEST(Server, WhoKeepsTheNetworkBusyDoesNotKeepRootOut) {
+  Temp_Dir folder;
+  HTTP_Server_Options options;
+  options.workers = options.local_workers = options.max_connections = 1;
+  options.unix_socket = folder / "socket";
+  Test_Server server(echo, options);
+  const int busy = dial(server.port());
+  say(busy, "GET / HTTP/1.1\r\n");
+  const auto session = HTTP_Session_Factory::create_unix(options.unix_socket, 5);
+  ASSERT_TRUE(session);
+  HTTP_Request request;
+  HTTP_Response response;
+  HTTP_Failure failure;
+  EXPECT_TRUE(session->send(request, response, failure)) << failure.text;
+  EXPECT_EQ(response.status, 200);
+  close(busy);
+}
+
 TEST(Server, StopFinishesRequestsInFlight) {
   std::atomic<bool> inside{false};
   Test_Server server([&inside](const Server_Request&, Server_Response& response) {

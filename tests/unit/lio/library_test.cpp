@@ -345,6 +345,18 @@ TEST_F(Lio_Library, an_image_on_another_filesystem_is_not_restored) {
   EXPECT_EQ("", findings());
 }
 
+// It is a leftover: enabling the group for the next export must not make it part of the saved configuration.
+TEST_F(Lio_Library, an_export_that_a_crash_cut_short_is_not_finished_by_the_next_one) {
+  const auto store = LIO_Backstore_Manager::create_backstore(LIO_Backstore::file, volume(1).c_str(), 512);
+  const auto group = target()->create_or_get_tpg(1);
+  ASSERT_TRUE(group->create_lun(store->name().c_str(), false) && group->set_demo_mode());
+  restart();
+  ASSERT_TRUE(create(volume(2), {}));
+  EXPECT_EQ("unfinished_lun ", findings());
+  EXPECT_EQ("unfinished_lun+ ", findings(true));
+  EXPECT_EQ("", findings());
+}
+
 TEST_F(Lio_Library, a_damaged_record_stops_every_change_and_is_not_overwritten) {
   ASSERT_TRUE(create(volume(1), {}));
   const std::string texts[] = {"{", "[]", R"({"version":2,"targets":[],"released":[]})",

@@ -317,19 +317,19 @@ TEST_F(Zfs_Driver, Sizes_Of_All_At_Once) {
   tools_.expect(command).output("pa/v1@s1\t0\t12288\npa/v1@s 2\t18446744073709551615\t1\n");
   tools_.expect(command).status(1).errors(recorded("get-missing.err.txt"));
   tools_.expect(command).output("pa/v1@s1\t-\t12288\n");
-  const ZFS_Sub_Volume volume("pa", "v1");
+  const ZFS_Filesystem pool("f", "pa");
   Snapshot_Sizes sizes;
-  EXPECT_EQ(volume.get_snapshot_sizes(sizes), Sizes_Read::TOLD);
+  EXPECT_EQ(pool.get_snapshot_sizes("v1", sizes), Sizes_Read::TOLD);
   ASSERT_EQ(sizes.size(), 2u) << log_.dump();
   EXPECT_EQ(sizes["s1"].rfer, 12288u);
   EXPECT_EQ(sizes["s 2"].excl, 18446744073709551615u);
   for (const char* why : {"dataset does not exist", "'pa/v1@s1\t-\t12288'"}) {
     sizes.clear();
-    EXPECT_EQ(volume.get_snapshot_sizes(sizes), Sizes_Read::TOLD);
+    EXPECT_EQ(pool.get_snapshot_sizes("v1", sizes), Sizes_Read::TOLD);
     EXPECT_TRUE(sizes.empty() && log_.contains(LM_ERROR, why)) << log_.dump();
   }
   tools_.expect(command).status(1).errors(recorded("module-not-loaded.err.txt"));
-  EXPECT_EQ(volume.get_snapshot_sizes(sizes), Sizes_Read::NO_ANSWER) << log_.dump();
+  EXPECT_EQ(pool.get_snapshot_sizes("v1", sizes), Sizes_Read::NO_ANSWER) << log_.dump();
 }
 
 TEST_F(Zfs_Driver, Mounts_Without_The_Daemons_Library_Path) {
