@@ -22,6 +22,7 @@ namespace scsi_pool {
 namespace {
 
 constexpr unsigned int LOGGED_LINES = 8;
+constexpr int SHOW_ATTEMPTS = 3;
 
 }  // namespace
 
@@ -97,7 +98,15 @@ namespace {
 bool show_subvolume(const std::string& mount_point, const std::string& name, Text_Process_Handler& handler) {
   platform::Tool_Options options(
       platform::format_command("btrfs subvolume show \"%s\"", btrfs_path(mount_point, name).c_str()));
-  return handler.call(LOGGED_LINES, options) == 0;
+  // While others are removed the tool may not find one that is there, whose record would be dropped as lost.
+  for (int left = SHOW_ATTEMPTS; left > 0; --left) {
+    if (handler.call(LOGGED_LINES, options) == 0) return true;
+    const int error = errno;
+    const bool there = platform::is_directory(btrfs_path(mount_point, name));
+    errno = error;
+    if (!there) break;
+  }
+  return false;
 }
 
 }  // namespace
