@@ -62,8 +62,9 @@ std::unique_ptr<platform::Turns::Turn> take_turn(Context& context, const std::st
   auto turn = std::make_unique<platform::Turns::Turn>(
       context.turns, scsi_pool::dataset_key(pool_id, is_lun, dataset), PATIENCE);
   if (*turn) return turn;
-  reply = refusal(409, "a snapshot is being received into " +
-                           std::string(is_lun ? "LUN " : "sub filesystem ") + quoted_name(dataset));
+  reply =
+      refusal(409, "a snapshot is being received into " + std::string(is_lun ? "LUN " : "sub filesystem ") +
+                       quoted_name(dataset) + ", or another change of it has not ended");
   return nullptr;
 }
 
