@@ -139,7 +139,6 @@ class Pool_Life(System_Test):
             self.ctl(daemon, "pool", "create", "away", "--size", "200M", "--thin", "--id", pool)
             run("umount", f"{MOUNTS}/{pool}")
             self.ctl(daemon, "lun", "create", "away", "--size", "10M", status=1)
-            self.ctl(daemon, "fs", "create", "away", "data", status=1)
             self.assertEqual([], os.listdir(f"{MOUNTS}/{pool}"))
             run("mount", f"{MOUNTS}/{pool}")
             self.ctl(daemon, "lun", "create", "away", "--size", "10M")
